@@ -1,0 +1,35 @@
+# The two commands of the README: make run, make test.
+, := ,
+BUILD ?= build
+JOBS ?= $(shell nproc)
+CMAKE_TYPE ?= RelWithDebInfo
+
+.PHONY: all bootstrap build test test-asan test-tsan clean
+
+all: build
+
+bootstrap:
+	@scripts/bootstrap
+
+# $(1): build directory, $(2): extra CMake arguments
+define configure_and_build
+	cmake -S . -B $(1) -DCMAKE_BUILD_TYPE=$(CMAKE_TYPE) $(2) >/dev/null
+	cmake --build $(1) -j $(JOBS)
+endef
+
+build: bootstrap
+	$(call configure_and_build,$(BUILD),)
+
+test: build
+	ctest --test-dir $(BUILD) --output-on-failure -j $(JOBS)
+
+test-asan: bootstrap
+	$(call configure_and_build,$(BUILD)-asan,-DPELLIN_SANITIZE=address$(,)undefined)
+	ctest --test-dir $(BUILD)-asan --output-on-failure -j $(JOBS)
+
+test-tsan: bootstrap
+	$(call configure_and_build,$(BUILD)-tsan,-DPELLIN_SANITIZE=thread)
+	ctest --test-dir $(BUILD)-tsan --output-on-failure -j $(JOBS)
+
+clean:
+	rm -rf $(BUILD) $(BUILD)-asan $(BUILD)-tsan
