@@ -1,0 +1,71 @@
+/* Device descriptors, library-wide state and discovery (Parts 2.1, 2.3),
+ * shared inside the library. */
+#ifndef LH_DEVICE_H
+#define LH_DEVICE_H
+
+#include <pciaccess.h>
+#include <stdatomic.h>
+#include <stdint.h>
+
+#include "lh_fpga.h"
+
+enum lh_device_type {
+    LH_DEV_TYPE_BASE = 0,
+    LH_DEV_TYPE_UNSUPPORTED = 1,
+    LH_DEV_TYPE_LHX = 2,
+};
+
+#define LH_SYSFS_PATH_SIZE 64
+
+typedef struct lh_device_desc {
+    uint8_t found;
+    uint32_t device_type;
+    const char *name;
+    struct pci_device *device;
+    struct pci_id_match match;
+    uint32_t bar;
+    void *mapped_base;
+    uint64_t window_size;
+    char sysfs_path[LH_SYSFS_PATH_SIZE];
+    uint32_t traffic_pipe_count;
+    uint32_t max_queue_id;
+    uint32_t qos_profile_count;
+    const lh_module_entry *module_list;
+} lh_device_desc;
+
+extern lh_device_desc lh_desc_lhx;
+extern lh_device_desc lh_desc_base_two_pipes;
+extern lh_device_desc lh_desc_base_one_pipe;
+
+/* Set by the device bring-up; "system not initialized" means it is clear. */
+extern atomic_uchar lh_initialized;
+
+/* Module state per (module id, pipe): 0 OK, non-zero FAILED. */
+extern atomic_uchar lh_module_state[LH_MOD_COUNT][LH_MAX_PIPES];
+
+#define LH_IDPROM_CACHE_PATH "/tmp/idprom_cache.conf"
+
+/* lh_idprom_cache_get results. */
+enum {
+    LH_IDPROM_OK = 0,
+    LH_IDPROM_BAD_ARGUMENT = 1,
+    LH_IDPROM_NO_FILE = 2,
+    LH_IDPROM_COPY_FAILED = 3,
+    LH_IDPROM_NOT_FOUND = 6,
+};
+
+int lh_idprom_cache_get(const char *key, char **value_out);
+int lh_get_controller_type(void);
+int lh_pci_get_map(lh_device_desc **desc_out, uint32_t *count_out);
+int lh_pci_system_init(lh_device_desc *descs, uint32_t count);
+int lh_pci_get_csr_device(lh_device_desc **desc_out);
+
+/* Forgets the discovery caches; for tests that run discovery repeatedly. */
+void lh_pci_cache_reset(void);
+
+/* The checks every device bring-up runs first (Part 2.2): on LHX the PCI
+ * command write, then device lookup, scratch test, revision and timestamp
+ * report; then the initialised flag is set. Returns 0 or -1. */
+int lh_bringup_checks(uint32_t device_type);
+
+#endif
