@@ -1,0 +1,148 @@
+#define _GNU_SOURCE
+#include "log_expect.h"
+
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <time.h>
+#include <unistd.h>
+
+#include "cmocka_all.h"
+#include "syslog_capture.h"
+
+static struct log_sink *current_sink;
+static char file_path[] = "/tmp/log_expect_XXXXXX";
+static size_t next_message;
+static size_t file_position;
+
+char *read_whole_file(const char *path, size_t *length_out)
+{
+    FILE *file = fopen(path, "r");
+    char *content = NULL;
+    size_t length = 0;
+    size_t capacity = 0;
+
+    if (file == NULL)
+        return NULL;
+    for (;;) {
+        if (length + 4096 + 1 > capacity) {
+            capacity = (capacity + 4096) * 2;
+            content = realloc(content, capacity);
+            if (content == NULL)
+                break;
+        }
+        size_t got = fread(content + length, 1, 4096, file);
+        length += got;
+        if (got == 0)
+            break;
+    }
+    fclose(file);
+    if (content != NULL)
+        content[length] = '\0';
+    if (length_out != NULL)
+        *length_out = length;
+    return content;
+}
+
+/* The stamp is "%Y %b %d %X" and then the component's own words. */
+const char *after_log_stamp(const char *line, const char *stamp_format)
+{
+    static const char time_part[] = "%Y %b %d %X";
+    const char *suffix = stamp_format + strlen(time_part);
+    struct tm parsed;
+    const char *rest;
+
+    if (strncmp(stamp_format, time_part, strlen(time_part)) != 0)
+        return NULL;
+    memset(&parsed, 0, sizeof(parsed));
+    rest = strptime(line, "%Y %b %d %H:%M:%S", &parsed);
+    if (rest == NULL || rest - line != 20)
+        return NULL;
+    if (strncmp(rest, suffix, strlen(suffix)) != 0)
+        return NULL;
+    rest += strlen(suffix);
+    if (strncmp(rest, ": ", 2) != 0)
+        return NULL;
+    return rest + 2;
+}
+
+void log_expect_start(struct log_sink *sink)
+{
+    int fd;
+
+    strcpy(file_path, "/tmp/log_expect_XXXXXX");
+    fd = mkstemp(file_path);
+    assert_true(fd >= 0);
+    close(fd);
+    assert_int_equal(log_sink_open(sink, file_path), 0);
+    current_sink = sink;
+    next_message = 0;
+    file_position = 0;
+    syslog_capture_reset();
+}
+
+void log_expect_stop(void)
+{
+    if (current_sink != NULL)
+        log_sink_close(current_sink);
+    current_sink = NULL;
+    unlink(file_path);
+}
+
+static void expect_file_line(const char *text)
+{
+    char *content = read_whole_file(file_path, NULL);
+    const char *message;
+    size_t text_length = strlen(text);
+
+    assert_non_null(content);
+    message = after_log_stamp(content + file_position,
+                              current_sink->stamp_format);
+    if (message == NULL)
+        fail_msg("no stamped file line for \"%s\" at: \"%s\"", text,
+                 content + file_position);
+    if (strncmp(message, text, text_length) != 0 ||
+        message[text_length] != '\n')
+        fail_msg("file line \"%s\", expected \"%s\"", message, text);
+    file_position = (size_t)(message - content) + text_length + 1;
+    free(content);
+}
+
+void expect_log(int severity, const char *text)
+{
+    const struct captured_syslog *entry = syslog_capture_get(next_message);
+
+    if (entry == NULL)
+        fail_msg("no message, expected \"%s\"", text);
+    assert_string_equal(entry->text, text);
+    assert_int_equal(entry->severity, severity);
+    assert_string_equal(entry->ident, current_sink->ident);
+    next_message++;
+    expect_file_line(text);
+}
+
+void expect_no_more_logs(void)
+{
+    const struct captured_syslog *entry = syslog_capture_get(next_message);
+    char *content = read_whole_file(file_path, NULL);
+
+    if (entry != NULL)
+        fail_msg("unexpected message \"%s\"", entry->text);
+    assert_non_null(content);
+    assert_string_equal(content + file_position, "");
+    free(content);
+}
+
+void skip_logs_through(const char *text)
+{
+    for (;;) {
+        const struct captured_syslog *entry =
+            syslog_capture_get(next_message);
+
+        if (entry == NULL)
+            fail_msg("no message \"%s\"", text);
+        expect_log(entry->severity, entry->text);
+        if (strcmp(entry->text, text) == 0)
+            return;
+    }
+}

@@ -1,0 +1,31 @@
+/* Whole-message assertions on both sinks of a component (Part 1.2): the
+ * captured syslog message (severity, ident, text) and the file line
+ * "<stamp>: <text>\n" with a stamp of the sink's format. */
+#ifndef LOG_EXPECT_H
+#define LOG_EXPECT_H
+
+#include <stddef.h>
+
+#include "log_sink.h"
+
+/* Points the sink at a fresh file and forgets earlier messages. */
+void log_expect_start(struct log_sink *sink);
+/* Closes the sink's file and removes it. */
+void log_expect_stop(void);
+
+/* The next message, in both sinks, is `text` at `severity`. */
+void expect_log(int severity, const char *text);
+/* Every message so far has been expected. */
+void expect_no_more_logs(void);
+/* Skips messages up to and including the first whose text is `text`;
+ * fails when there is none. */
+void skip_logs_through(const char *text);
+
+/* Checks that `line` begins with a stamp of `stamp_format` followed by ": "
+ * and returns what follows, or null. */
+const char *after_log_stamp(const char *line, const char *stamp_format);
+
+/* The whole content of a file, null-terminated (caller frees), or null. */
+char *read_whole_file(const char *path, size_t *length_out);
+
+#endif
