@@ -18,9 +18,39 @@ static uint32_t logged_address(const lh_device_desc *desc, uint32_t offset)
     return (uint32_t)desc->device->regions[0].base_addr + offset;
 }
 
-static int offset_in_window(const lh_device_desc *desc, uint32_t offset)
+/* What the access checks say for reads or writes (Part 2.2 words the
+ * write's bound message "writing", unlike the others). */
+struct access_words {
+    const char *failed;
+    const char *bound_failed;
+};
+
+static const struct access_words read_words = { "read register failed",
+                                                "read register failed" };
+static const struct access_words write_words = { "write register failed",
+                                                 "writing register failed" };
+
+/* The CSR device when `offset` is a word inside its window, else null
+ * (logged, except a failed device lookup, which is silent). */
+static lh_device_desc *checked_window(uint32_t offset,
+                                      const struct access_words *words)
 {
-    return (uint64_t)offset <= desc->window_size - 4;
+    lh_device_desc *desc;
+
+    if (offset % 4 != 0) {
+        lh_log(LOG_ERR, "%s - %s, - offset not word aligned", LH_TAG(ERROR),
+               words->failed);
+        return NULL;
+    }
+    desc = lh_csr_device();
+    if (desc == NULL)
+        return NULL;
+    if ((uint64_t)offset > desc->window_size - 4) {
+        lh_log(LOG_ERR, "%s - %s, - offset too large", LH_TAG(ERROR),
+               words->bound_failed);
+        return NULL;
+    }
+    return desc;
 }
 
 int lh_read_register(uint32_t offset, uint32_t *value_out)
@@ -29,19 +59,9 @@ int lh_read_register(uint32_t offset, uint32_t *value_out)
 
     LH_REQUIRE_INITIALIZED("read register failed", -1);
     LH_REQUIRE_POINTER(value_out, "read register", -1);
-    if (offset % 4 != 0) {
-        lh_log(LOG_ERR, "%s - read register failed, - offset not word aligned",
-               LH_TAG(ERROR));
-        return -1;
-    }
-    desc = lh_csr_device();
+    desc = checked_window(offset, &read_words);
     if (desc == NULL)
         return -1;
-    if (!offset_in_window(desc, offset)) {
-        lh_log(LOG_ERR, "%s - read register failed, - offset too large",
-               LH_TAG(ERROR));
-        return -1;
-    }
     *value_out = lh_reg_read(desc->mapped_base, offset);
     lh_log(LOG_DEBUG, "read register - addr 0x%08x, data 0x%08x",
            logged_address(desc, offset), *value_out);
@@ -53,21 +73,9 @@ int lh_write_register(uint32_t offset, uint32_t value)
     lh_device_desc *desc;
 
     LH_REQUIRE_INITIALIZED("write register failed", -1);
-    if (offset % 4 != 0) {
-        lh_log(LOG_ERR,
-               "%s - write register failed, - offset not word aligned",
-               LH_TAG(ERROR));
-        return -1;
-    }
-    desc = lh_csr_device();
+    desc = checked_window(offset, &write_words);
     if (desc == NULL)
         return -1;
-    if (!offset_in_window(desc, offset)) {
-        /* "writing", unlike the read message: Part 2.2 keeps the wording. */
-        lh_log(LOG_ERR, "%s - writing register failed, - offset too large",
-               LH_TAG(ERROR));
-        return -1;
-    }
     lh_reg_write(desc->mapped_base, offset, value);
     lh_log(LOG_DEBUG, "wrote register - addr 0x%08x, data 0x%08x",
            logged_address(desc, offset), value);
