@@ -5,6 +5,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <unistd.h>
 
 #include "cmocka_all.h"
 #include "lh_log.h"
@@ -30,7 +31,7 @@ static int setup_board(enum sim_board_kind kind)
     if (sim_board_create(run.root, kind, &run.board) != 0)
         fail_msg("board: %s", sim_board_last_error());
     snprintf(run.log_path, sizeof(run.log_path), "%s/larks_hollow_fpga.log",
-             sim_board_log_dir(run.board));
+             sim_board_path(run.board, SIM_PATH_LOGS));
     return 0;
 }
 
@@ -75,68 +76,78 @@ static uint16_t command_word(void)
     return value;
 }
 
-static void test_base_two_pipe_board(void **state)
-{
-    static const char *const lines[] = {
-        "Informational - pci get map, found controller type 0x1106",
-        "Informational - PCI device found: name 'Control Status', fs: "
-        "/sys/bus/pci/devices/0000:03:00.0, addr 0xf0000000, "
-        "size(bytes) 262144",
-        "Found CSR device - Control Status, type (0)",
-        "revision: 0x00010203, image timestamp (M/D/Y Hour): 03/15/2024 10:00",
-        "read register - addr 0xf0000010, data 0x24031510",
-    };
+/* What bring-up logs and leaves on each kind of board. */
+struct board_case {
+    enum sim_board_kind kind;
+    const char *lines[5];
+    uint16_t command_word; /* after bring-up */
+};
 
-    (void)state;
-    setup_board(SIM_BOARD_BASE2);
+static const struct board_case base_two_pipes = {
+    SIM_BOARD_BASE2,
+    { "Informational - pci get map, found controller type 0x1106",
+      "Informational - PCI device found: name 'Control Status', fs: "
+      "/sys/bus/pci/devices/0000:03:00.0, addr 0xf0000000, "
+      "size(bytes) 262144",
+      "Found CSR device - Control Status, type (0)",
+      "revision: 0x00010203, image timestamp (M/D/Y Hour): 03/15/2024 10:00",
+      "read register - addr 0xf0000010, data 0x24031510" },
+    0x0000,
+};
+
+static const struct board_case base_one_pipe = {
+    SIM_BOARD_BASE1,
+    { "Informational - pci get map, found controller type 0x1109",
+      "Informational - PCI device found: name 'Control Status', fs: "
+      "/sys/bus/pci/devices/0000:03:00.0, addr 0xf0000000, "
+      "size(bytes) 262144",
+      "Found CSR device - Control Status, type (0)",
+      "revision: 0x00010203, image timestamp (M/D/Y Hour): 03/15/2024 10:00",
+      "read register - addr 0xf0000010, data 0x24031510" },
+    0x0000,
+};
+
+/* setpci enables memory space; the read line shows region 0's address,
+ * which the LHX image does not use (Part 2.2). */
+static const struct board_case lhx = {
+    SIM_BOARD_LHX,
+    { "Informational - pci get map, found controller type 0x1126",
+      "Informational - PCI device found: name 'Control Status', fs: "
+      "/sys/bus/pci/devices/0000:03:00.0, addr 0xf1000000, "
+      "size(bytes) 131072",
+      "Found CSR device - Control Status, type (2)",
+      "revision: 0x00010203, image timestamp (M/D/Y Hour): 03/15/2024 10:00",
+      "read register - addr 0x00000010, data 0x24031510" },
+    0x0002,
+};
+
+static void assert_bringup(const struct board_case *c)
+{
+    setup_board(c->kind);
+    assert_int_equal(command_word(), 0x0000);
     run_probe(NULL);
     assert_int_equal(WEXITSTATUS(run.status), 0);
-    assert_log_file_lines(run.log_path, LH_LOG_STAMP_FORMAT, lines, 5);
+    assert_log_file_lines(run.log_path, LH_LOG_STAMP_FORMAT, c->lines, 5);
     assert_int_equal(window_word(0x0FC), 0x80000000);
-    assert_int_equal(command_word(), 0x0000);
+    assert_int_equal(command_word(), c->command_word);
+}
+
+static void test_base_two_pipe_board(void **state)
+{
+    (void)state;
+    assert_bringup(&base_two_pipes);
 }
 
 static void test_base_one_pipe_board(void **state)
 {
-    static const char *const lines[] = {
-        "Informational - pci get map, found controller type 0x1109",
-        "Informational - PCI device found: name 'Control Status', fs: "
-        "/sys/bus/pci/devices/0000:03:00.0, addr 0xf0000000, "
-        "size(bytes) 262144",
-        "Found CSR device - Control Status, type (0)",
-        "revision: 0x00010203, image timestamp (M/D/Y Hour): 03/15/2024 10:00",
-        "read register - addr 0xf0000010, data 0x24031510",
-    };
-
     (void)state;
-    setup_board(SIM_BOARD_BASE1);
-    run_probe(NULL);
-    assert_int_equal(WEXITSTATUS(run.status), 0);
-    assert_log_file_lines(run.log_path, LH_LOG_STAMP_FORMAT, lines, 5);
-    assert_int_equal(window_word(0x0FC), 0x80000000);
+    assert_bringup(&base_one_pipe);
 }
 
 static void test_lhx_board(void **state)
 {
-    /* The read line shows region 0's address, which LHX does not use. */
-    static const char *const lines[] = {
-        "Informational - pci get map, found controller type 0x1126",
-        "Informational - PCI device found: name 'Control Status', fs: "
-        "/sys/bus/pci/devices/0000:03:00.0, addr 0xf1000000, "
-        "size(bytes) 131072",
-        "Found CSR device - Control Status, type (2)",
-        "revision: 0x00010203, image timestamp (M/D/Y Hour): 03/15/2024 10:00",
-        "read register - addr 0x00000010, data 0x24031510",
-    };
-
     (void)state;
-    setup_board(SIM_BOARD_LHX);
-    assert_int_equal(command_word(), 0x0000);
-    run_probe(NULL);
-    assert_int_equal(WEXITSTATUS(run.status), 0);
-    assert_log_file_lines(run.log_path, LH_LOG_STAMP_FORMAT, lines, 5);
-    assert_int_equal(window_word(0x0FC), 0x80000000);
-    assert_int_equal(command_word(), 0x0002);
+    assert_bringup(&lhx);
 }
 
 static void test_unmappable_board_has_no_csr_device(void **state)
@@ -217,7 +228,7 @@ static void test_syslog_carries_ident_severity_and_text(void **state)
              "03/15/2024 10:00" },
         { 7, "read register - addr 0xf0000010, data 0x24031510" },
     };
-    char socket_path[PATH_MAX];
+    char socket_path[PATH_MAX + 16];
     struct sim_sandbox_opts opts;
     struct sim_syslog_msg message;
     int fd;

@@ -1,9 +1,15 @@
 #include "fake_device.h"
 
+#include <string.h>
+
 #include "cmocka_all.h"
+#include "lh_log.h"
+#include "log_expect.h"
 #include "private_tmp.h"
 
 static struct pci_device fake_pci_device;
+static struct reg_model model;
+static lh_device_desc *installed;
 
 const char *fake_device_idprom(const lh_device_desc *desc)
 {
@@ -14,11 +20,15 @@ const char *fake_device_idprom(const lh_device_desc *desc)
     return "CONTROLLER_TYPE=4358\n";
 }
 
-void *fake_device_install(lh_device_desc *desc, struct reg_model *model,
-                          int initialized)
+struct reg_model *fake_device_install(lh_device_desc *desc, int initialized)
 {
     lh_device_desc *found = NULL;
-    void *window = reg_model_attach(model, desc->window_size);
+    void *window;
+
+    fake_device_remove();
+    memset(&model, 0, sizeof(model));
+    window = reg_model_attach(&model, desc->window_size);
+    installed = desc;
 
     fake_pci_device.regions[0].base_addr = FAKE_REGION0_ADDRESS;
     write_text_file(LH_IDPROM_CACHE_PATH, fake_device_idprom(desc));
@@ -29,19 +39,38 @@ void *fake_device_install(lh_device_desc *desc, struct reg_model *model,
     assert_int_equal(lh_pci_get_csr_device(&found), 0);
     assert_ptr_equal(found, desc);
     atomic_store(&lh_initialized, initialized ? 1 : 0);
-    return window;
+    return &model;
 }
 
-void fake_device_remove(lh_device_desc *desc, struct reg_model *model)
+void fake_device_remove(void)
 {
-    desc->found = 0;
-    desc->device = NULL;
-    desc->mapped_base = NULL;
-    reg_model_detach(model);
+    if (installed != NULL) {
+        installed->found = 0;
+        installed->device = NULL;
+        installed->mapped_base = NULL;
+        reg_model_detach(&model);
+        installed = NULL;
+    }
     lh_pci_cache_reset();
     atomic_store(&lh_initialized, 0);
     for (int module = 0; module < LH_MOD_COUNT; module++)
         for (int pipe = 0; pipe < LH_MAX_PIPES; pipe++)
             atomic_store(&lh_module_state[module][pipe], 0);
     write_text_file(LH_IDPROM_CACHE_PATH, NULL);
+}
+
+struct reg_model *fake_device_start(lh_device_desc *desc, int initialized)
+{
+    struct reg_model *window = fake_device_install(desc, initialized);
+
+    log_expect_start(&lh_log_file);
+    return window;
+}
+
+int fake_device_teardown(void **state)
+{
+    (void)state;
+    log_expect_stop();
+    fake_device_remove();
+    return 0;
 }

@@ -9,16 +9,21 @@
 
 #define FAKE_REGION0_ADDRESS 0xf0000000u
 
-/* Installs `desc` with a zeroed window in `model`, fills the discovery
- * cache (its log lines are left behind in the syslog capture) and, when
- * `initialized`, sets the initialised flag. Returns the window base. */
-void *fake_device_install(lh_device_desc *desc, struct reg_model *model,
-                          int initialized);
-/* Undoes the install: no device, nothing cached, not initialised, every
- * module OK. */
-void fake_device_remove(lh_device_desc *desc, struct reg_model *model);
+/* Installs `desc` with a zeroed register model as its window, fills the
+ * discovery cache (its log lines are left in the syslog capture) and, when
+ * `initialized`, sets the initialised flag. Returns the window's model. */
+struct reg_model *fake_device_install(lh_device_desc *desc, int initialized);
 
-/* The decimal controller type that selects `desc` on real hardware. */
+/* Undoes the install, if any: no device, nothing cached, not initialised,
+ * every module OK, no IDPROM file. */
+void fake_device_remove(void);
+
+/* fake_device_install, then log expectations on the library's sinks. */
+struct reg_model *fake_device_start(lh_device_desc *desc, int initialized);
+/* A cmocka teardown: ends the expectations and removes the device. */
+int fake_device_teardown(void **state);
+
+/* The IDPROM text that selects `desc` on real hardware. */
 const char *fake_device_idprom(const lh_device_desc *desc);
 
 #endif

@@ -7,8 +7,7 @@
 #include "log_expect.h"
 #include "private_tmp.h"
 
-static struct reg_model model;
-static lh_device_desc *installed;
+static struct reg_model *model;
 static char system_command[128];
 static unsigned int system_calls;
 
@@ -20,24 +19,12 @@ int __wrap_system(const char *command)
     return 0;
 }
 
-static void install(lh_device_desc *desc, int initialized)
-{
-    installed = desc;
-    fake_device_install(desc, &model, initialized);
-    log_expect_start(&lh_log_file);
-}
 
 static int teardown(void **state)
 {
-    (void)state;
-    log_expect_stop();
-    if (installed != NULL)
-        fake_device_remove(installed, &model);
-    installed = NULL;
-    memset(&model, 0, sizeof(model));
     system_calls = 0;
     system_command[0] = '\0';
-    return 0;
+    return fake_device_teardown(state);
 }
 
 static void test_not_initialized_comes_first(void **state)
@@ -45,7 +32,7 @@ static void test_not_initialized_comes_first(void **state)
     uint32_t value = 0;
 
     (void)state;
-    install(&lh_desc_base_two_pipes, 0);
+    model = fake_device_start(&lh_desc_base_two_pipes, 0);
     assert_int_equal(lh_read_register(2, NULL), -1);
     assert_int_equal(lh_read_register(0, &value), -1);
     assert_int_equal(lh_write_register(2, 1), -1);
@@ -59,7 +46,7 @@ static void test_not_initialized_comes_first(void **state)
 static void test_null_value_comes_before_alignment(void **state)
 {
     (void)state;
-    install(&lh_desc_base_two_pipes, 1);
+    model = fake_device_start(&lh_desc_base_two_pipes, 1);
     assert_int_equal(lh_read_register(2, NULL), -1);
     expect_log(LOG_ERR, "Null pointer - read register");
     expect_no_more_logs();
@@ -95,13 +82,13 @@ static void assert_window_bounds(lh_device_desc *desc, uint32_t last,
 {
     uint32_t value = 0;
 
-    install(desc, 1);
-    reg_model_store(&model, last, 0x12345678);
+    model = fake_device_start(desc, 1);
+    reg_model_store(model, last, 0x12345678);
     assert_int_equal(lh_read_register(last, &value), 0);
     assert_int_equal(value, 0x12345678);
     expect_log(LOG_DEBUG, read_line);
     assert_int_equal(lh_write_register(last, 0xCAFEF00D), 0);
-    assert_int_equal(reg_model_peek(&model, last), 0xCAFEF00D);
+    assert_int_equal(reg_model_peek(model, last), 0xCAFEF00D);
     expect_log(LOG_DEBUG, wrote_line);
     value = 7;
     assert_int_equal(lh_read_register(last + 4, &value), -1);
@@ -134,17 +121,17 @@ static void test_lhx_window_bounds(void **state)
 static void test_write_has_no_read_back(void **state)
 {
     (void)state;
-    install(&lh_desc_base_two_pipes, 1);
+    model = fake_device_start(&lh_desc_base_two_pipes, 1);
     assert_int_equal(lh_write_register(0x100, 1), 0);
-    assert_int_equal(model.writes, 1);
-    assert_int_equal(model.reads, 0);
+    assert_int_equal(model->writes, 1);
+    assert_int_equal(model->reads, 0);
 }
 
 static void prepare_bringup(lh_device_desc *desc)
 {
-    install(desc, 0);
-    reg_model_store(&model, 0x000, 0x00010203);
-    reg_model_store(&model, 0x010, 0x24031510);
+    model = fake_device_start(desc, 0);
+    reg_model_store(model, 0x000, 0x00010203);
+    reg_model_store(model, 0x010, 0x24031510);
 }
 
 static void test_bringup_checks_base(void **state)
@@ -153,7 +140,7 @@ static void test_bringup_checks_base(void **state)
     prepare_bringup(&lh_desc_base_two_pipes);
     assert_int_equal(lh_bringup_checks(LH_DEV_TYPE_BASE), 0);
     assert_int_equal(system_calls, 0);
-    assert_int_equal(reg_model_peek(&model, 0x0FC), 0x80000000);
+    assert_int_equal(reg_model_peek(model, 0x0FC), 0x80000000);
     assert_int_equal(atomic_load(&lh_initialized), 1);
     expect_log(LOG_INFO, "revision: 0x00010203, image timestamp "
                          "(M/D/Y Hour): 03/15/2024 10:00");
@@ -167,7 +154,7 @@ static void test_bringup_checks_lhx_writes_pci_command_first(void **state)
     assert_int_equal(lh_bringup_checks(LH_DEV_TYPE_LHX), 0);
     assert_int_equal(system_calls, 1);
     assert_string_equal(system_command, "setpci -d 1c7a:1d9 COMMAND=0x2");
-    assert_int_equal(reg_model_peek(&model, 0x0FC), 0x80000000);
+    assert_int_equal(reg_model_peek(model, 0x0FC), 0x80000000);
     expect_log(LOG_INFO, "revision: 0x00010203, image timestamp "
                          "(M/D/Y Hour): 03/15/2024 10:00");
     expect_no_more_logs();
@@ -188,10 +175,10 @@ static void test_scratch_test_fails_on_stuck_bit(void **state)
 
     (void)state;
     prepare_bringup(&lh_desc_base_two_pipes);
-    model.on_write = stuck_scratch_write;
+    model->on_write = stuck_scratch_write;
     assert_int_equal(lh_bringup_checks(LH_DEV_TYPE_BASE), -1);
     /* Bits 0..5 written, the test ends at the first mismatch. */
-    assert_int_equal(model.writes, 6);
+    assert_int_equal(model->writes, 6);
     assert_int_equal(atomic_load(&lh_initialized), 0);
     expect_log(LOG_CRIT, "PCI - scratch register test failed");
     expect_no_more_logs();
@@ -218,8 +205,8 @@ static void test_timestamp_digits_print_as_hex(void **state)
 {
     (void)state;
     prepare_bringup(&lh_desc_base_one_pipe);
-    reg_model_store(&model, 0x000, 0xA5A5A5A5);
-    reg_model_store(&model, 0x010, 0x99123123);
+    reg_model_store(model, 0x000, 0xA5A5A5A5);
+    reg_model_store(model, 0x010, 0x99123123);
     assert_int_equal(lh_bringup_checks(LH_DEV_TYPE_BASE), 0);
     expect_log(LOG_INFO, "revision: 0xa5a5a5a5, image timestamp "
                          "(M/D/Y Hour): 12/31/2099 23:00");

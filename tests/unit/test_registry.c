@@ -7,25 +7,8 @@
 #include "log_expect.h"
 #include "private_tmp.h"
 
-static struct reg_model model;
-static lh_device_desc *installed;
 
-static void install(lh_device_desc *desc, int initialized)
-{
-    installed = desc;
-    fake_device_install(desc, &model, initialized);
-    log_expect_start(&lh_log_file);
-}
 
-static int teardown(void **state)
-{
-    (void)state;
-    log_expect_stop();
-    if (installed != NULL)
-        fake_device_remove(installed, &model);
-    installed = NULL;
-    return 0;
-}
 
 static void test_module_names(void **state)
 {
@@ -117,7 +100,7 @@ static void test_queries_before_initialisation(void **state)
     uint8_t module_state = 9;
 
     (void)state;
-    install(&lh_desc_base_two_pipes, 0);
+    fake_device_start(&lh_desc_base_two_pipes, 0);
     assert_int_equal(lh_get_traffic_pipe_count(), 0);
     assert_int_equal(lh_get_max_queue_id(), 0);
     assert_int_equal(lh_get_module_list(&list), -1);
@@ -142,13 +125,13 @@ static void assert_queries(lh_device_desc *desc, uint32_t pipes,
 {
     const lh_module_entry *list = NULL;
 
-    install(desc, 1);
+    fake_device_start(desc, 1);
     assert_int_equal(lh_get_traffic_pipe_count(), pipes);
     assert_int_equal(lh_get_max_queue_id(), max_queue_id);
     assert_int_equal(lh_get_module_list(&list), 0);
     assert_ptr_equal(list, desc->module_list);
     expect_no_more_logs();
-    teardown(NULL);
+    fake_device_teardown(NULL);
 }
 
 static void test_queries_follow_the_device(void **state)
@@ -162,7 +145,7 @@ static void test_queries_follow_the_device(void **state)
 static void test_module_list_null_output(void **state)
 {
     (void)state;
-    install(&lh_desc_lhx, 1);
+    fake_device_start(&lh_desc_lhx, 1);
     assert_int_equal(lh_get_module_list(NULL), -1);
     expect_log(LOG_ERR, "Null pointer - get module list");
     expect_no_more_logs();
@@ -191,7 +174,7 @@ static void test_module_state_of_absent_module_on_base(void **state)
     uint8_t module_state = 9;
 
     (void)state;
-    install(&lh_desc_base_two_pipes, 1);
+    fake_device_start(&lh_desc_base_two_pipes, 1);
     assert_int_equal(lh_get_module_state(entry, &module_state), 0);
     assert_int_equal(module_state, 0);
     expect_no_more_logs();
@@ -203,7 +186,7 @@ static void test_module_state_reports_failed(void **state)
     uint8_t module_state = 0;
 
     (void)state;
-    install(&lh_desc_base_two_pipes, 1);
+    fake_device_start(&lh_desc_base_two_pipes, 1);
     atomic_store(&lh_module_state[LH_MOD_CAUI][1], 1);
     assert_int_equal(lh_get_module_state(entry, &module_state), 0);
     assert_int_equal(module_state, 1);
@@ -219,7 +202,7 @@ static void test_module_state_out_of_range(void **state)
     uint8_t module_state = 9;
 
     (void)state;
-    install(&lh_desc_base_two_pipes, 1);
+    fake_device_start(&lh_desc_base_two_pipes, 1);
     assert_int_equal(lh_get_module_state(module_15, &module_state), -1);
     assert_int_equal(lh_get_module_state(pipe_2, &module_state), -1);
     assert_int_equal(lh_get_module_state(pipe_2, NULL), -1);
@@ -232,7 +215,7 @@ static void test_module_state_out_of_range(void **state)
 
 int main(void)
 {
-#define T(name) cmocka_unit_test_teardown(name, teardown)
+#define T(name) cmocka_unit_test_teardown(name, fake_device_teardown)
     const struct CMUnitTest tests[] = {
         T(test_module_names),
         T(test_module_lists),
