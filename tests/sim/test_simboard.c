@@ -667,6 +667,23 @@ static void test_spawn_exec_failure(void **state)
     assert_int_equal(run_argv(f->b, NULL, argv), 127);
 }
 
+/* The sandbox shows the board's own /tmp: a program that lives under the
+ * host's /tmp (a build there) must still run. */
+static void test_spawn_program_hidden_by_sandbox_tmp(void **state)
+{
+    struct fixture *f = *state;
+    char dir[] = "/tmp/simboard_prog_XXXXXX";
+    char program[64];
+    char *const argv[] = {program, "-c", "exit 7", NULL};
+
+    assert_non_null(mkdtemp(dir));
+    snprintf(program, sizeof(program), "%s/sh", dir);
+    assert_int_equal(symlink("/bin/sh", program), 0);
+    assert_int_equal(run_argv(f->b, NULL, argv), 7);
+    unlink(program);
+    rmdir(dir);
+}
+
 static void test_setpci_command(void **state)
 {
     struct fixture *f = *state;
@@ -1102,6 +1119,7 @@ int main(void)
         KIND_TEST(test_sandbox_view, case_lhx),
         BOARD_TEST(test_sandbox_dev),
         BOARD_TEST(test_spawn_exec_failure),
+        BOARD_TEST(test_spawn_program_hidden_by_sandbox_tmp),
         KIND_TEST(test_setpci_command, case_lhx),
         KIND_TEST(test_setpci_command, case_base2),
         KIND_TEST(test_lspci, case_base2),

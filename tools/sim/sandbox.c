@@ -309,9 +309,30 @@ int sim_board_enter(const struct sim_board *b,
     return rc;
 }
 
+/* A program named by a path is opened before the sandbox's mounts, which
+ * may hide it (a build under /tmp), and run from that descriptor; a bare
+ * name is looked up in PATH inside the sandbox. */
+static int open_program(const char *program)
+{
+    if (strchr(program, '/') == NULL)
+        return -1;
+    return open(program, O_PATH);
+}
+
+static void exec_program(int program_fd, char *const argv[])
+{
+    extern char **environ;
+
+    if (program_fd >= 0)
+        fexecve(program_fd, argv, environ);
+    else
+        execvp(argv[0], argv);
+}
+
 pid_t sim_board_spawn(const struct sim_board *b,
                       const struct sim_sandbox_opts *opts, char *const argv[])
 {
+    int program_fd;
     pid_t pid;
 
     if (!b || !argv || !argv[0]) {
@@ -321,11 +342,12 @@ pid_t sim_board_spawn(const struct sim_board *b,
     pid = fork();
     if (pid != 0)
         return pid;
+    program_fd = open_program(argv[0]);
     if (sim_board_enter(b, opts) < 0) {
         dprintf(STDERR_FILENO, "simboard: sandbox: %s\n", last_error);
         _exit(127);
     }
-    execvp(argv[0], argv);
+    exec_program(program_fd, argv);
     dprintf(STDERR_FILENO, "simboard: exec %s: %s\n", argv[0], strerror(errno));
     _exit(127);
 }
