@@ -1,0 +1,37 @@
+/* The block operations of Part 2.3 and the one table that wires each
+ * module id to its driver, its image and its register offsets. */
+#ifndef LH_BLOCK_OPS_H
+#define LH_BLOCK_OPS_H
+
+#include <stdint.h>
+
+#include "lh_fpga.h"
+
+struct lh_block_ops {
+    int (*context_create)(uint32_t pipe, volatile void *regs);
+    int (*set_interface_state)(uint32_t pipe, uint8_t state);
+    int (*get_interface_state)(uint32_t pipe, uint8_t *state);
+    int (*set_loopback)(uint32_t type, uint32_t pipe);
+    int (*get_loopback)(uint32_t *mask, uint32_t pipe);
+    void (*update_stats)(uint32_t pipe);
+    int (*get_stats)(uint32_t pipe, void *buffer, uint64_t size);
+    int (*clear_stats)(uint32_t pipe);
+    int (*fatal_error_detect)(uint32_t pipe, lh_fatal_error_t *report);
+    int (*qos_set_profile)(uint32_t pipe, lh_qos_profile_t qos);
+    int (*qos_get_profile)(uint32_t pipe, lh_qos_profile_t *qos);
+    void (*rx_align_monitor)(uint32_t pipe);
+};
+
+struct lh_block_site {
+    uint32_t device_type;  /* the image that carries the block */
+    uint32_t offsets[LH_MAX_PIPES]; /* from the window base, per pipe */
+    const struct lh_block_ops *ops; /* null: no driver */
+};
+
+/* The site of a module id, or null for an id above 14. */
+const struct lh_block_site *lh_block_site(uint32_t module_id);
+
+/* The operations of a module id, or null (no such id, or no driver). */
+const struct lh_block_ops *lh_block_ops_of(uint32_t module_id);
+
+#endif
