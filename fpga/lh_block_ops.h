@@ -3,6 +3,7 @@
 #ifndef LH_BLOCK_OPS_H
 #define LH_BLOCK_OPS_H
 
+#include <stdbool.h>
 #include <stdint.h>
 
 #include "lh_fpga.h"
@@ -23,8 +24,9 @@ struct lh_block_ops {
 };
 
 struct lh_block_site {
-    uint32_t device_type;  /* the image that carries the block */
-    uint32_t offsets[LH_MAX_PIPES]; /* from the window base, per pipe */
+    uint32_t device_type; /* the image that carries the block */
+    bool per_pipe;        /* one instance per pipe, at offsets[pipe] */
+    uint32_t offsets[LH_MAX_PIPES]; /* from the window base */
     const struct lh_block_ops *ops; /* null: no driver */
 };
 

@@ -7,8 +7,8 @@
 #include "lh_device.h"
 #include "lh_drivers.h"
 
-#define ONE_SITE(offset) { (offset), (offset) }
-#define PER_PIPE(offset) { (offset), (offset) + 0x10000 }
+#define ONE_SITE(offset) false, { (offset), (offset) }
+#define PER_PIPE(offset) true, { (offset), (offset) + 0x10000 }
 
 static const struct lh_block_site sites[LH_MOD_COUNT] = {
     [LH_MOD_GLOBAL] = { LH_DEV_TYPE_BASE, ONE_SITE(0x00000), NULL },

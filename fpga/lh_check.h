@@ -25,6 +25,17 @@
         }                                                                     \
     } while (0)
 
+/* Refuses a pipe not below the device's pipe count with
+ * "<tag> - <words>, - invalid pipe <pipe>". */
+#define LH_REQUIRE_PIPE(pipe, words, failure)                                 \
+    do {                                                                      \
+        if ((pipe) >= lh_get_traffic_pipe_count()) {                          \
+            lh_log(LOG_ERR, "%s - " words ", - invalid pipe %d",              \
+                   LH_TAG(ERROR), (pipe));                                    \
+            return failure;                                                   \
+        }                                                                     \
+    } while (0)
+
 /* The CSR device, or null (discovery failed or found nothing). */
 static inline lh_device_desc *lh_csr_device(void)
 {

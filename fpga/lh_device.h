@@ -6,6 +6,7 @@
 #include <pciaccess.h>
 #include <stdatomic.h>
 #include <stdint.h>
+#include <stdio.h>
 
 #include "lh_fpga.h"
 
@@ -67,5 +68,20 @@ void lh_pci_cache_reset(void);
  * command write, then device lookup, scratch test, revision and timestamp
  * report; then the initialised flag is set. Returns 0 or -1. */
 int lh_bringup_checks(uint32_t device_type);
+
+/* Device bring-ups (Part 2.4): the checks, then a context per block. */
+int lh_base_device_init(void);
+int lh_lhx_device_init(void);
+int lh_unsupported_device_init(void);
+
+/* The library poll thread and the register dump (Part 2.6). */
+int lh_sys_poll_init(void);
+/* Stops the poll thread (if started) and waits for it. */
+void lh_sys_poll_stop(void);
+/* One pass over the device's module list, as the poll thread makes it. */
+void lh_sys_poll_scan(const lh_device_desc *desc, lh_fatal_error_t *report);
+void lh_register_dump(void);
+/* The dump's content: module status and the compressed register window. */
+void lh_register_dump_write(FILE *file, const lh_device_desc *desc);
 
 #endif

@@ -56,6 +56,22 @@ typedef struct {
     uint32_t priority;
 } lh_qos_profile_t;
 
+/* Life cycle (Part 2.4). */
+int lh_fpga_init(const char *log_path);
+void lh_register_fatal_error_cb(lh_fatal_error_cb cb);
+void lh_fpga_shutdown(void);
+
+/* Pipe state, QoS, loopback and statistics (Part 2.5). */
+int lh_set_traffic_pipe_state(uint32_t pipe, uint32_t state);
+int lh_get_traffic_pipe_state(uint32_t pipe, uint8_t *state_out);
+int lh_set_ingress_qos(uint32_t pipe, lh_qos_profile_t qos);
+int lh_get_ingress_qos(uint32_t pipe, lh_qos_profile_t *qos);
+int lh_set_loopback(uint32_t type, uint32_t pipe);
+int lh_get_loopback(uint32_t *type_out, uint32_t pipe);
+int lh_get_statistics(uint32_t module_id, uint32_t pipe, void *buffer,
+                      uint64_t size);
+int lh_clear_statistics(uint32_t module_id, uint32_t pipe);
+
 /* Raw register access (Part 2.2). */
 int lh_read_register(uint32_t offset, uint32_t *value_out);
 int lh_write_register(uint32_t offset, uint32_t value);
