@@ -4,6 +4,7 @@
 #include <stdio.h>
 #include <string.h>
 #include <sys/mount.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "cmocka_all.h"
@@ -17,6 +18,20 @@ int enter_private_tmp(void)
     }
     if (mount("tmpfs", "/tmp", "tmpfs", 0, "mode=1777") != 0) {
         fprintf(stderr, "private /tmp: mount: %s\n", strerror(errno));
+        return -1;
+    }
+    return 0;
+}
+
+int enter_private_dirs(void)
+{
+    if (enter_private_tmp() != 0)
+        return -1;
+    if (mount("tmpfs", "/opt", "tmpfs", 0, "mode=0755") != 0 ||
+        mkdir("/opt/orvel", 0755) != 0 ||
+        mkdir("/opt/orvel/platform", 0755) != 0 ||
+        mkdir("/opt/orvel/platform/logs", 0755) != 0) {
+        fprintf(stderr, "private /opt: %s\n", strerror(errno));
         return -1;
     }
     return 0;

@@ -7,6 +7,10 @@
 /* Returns 0, or -1 with a message on stderr. */
 int enter_private_tmp(void);
 
+/* enter_private_tmp, and an empty /opt/orvel/platform/logs of the test's
+ * own (a tmpfs over /opt) for the log and dump files. */
+int enter_private_dirs(void);
+
 /* Writes `text` to `path` (null: removes the file). Asserts on failure. */
 void write_text_file(const char *path, const char *text);
 
