@@ -81,6 +81,11 @@ void log_expect_start(struct log_sink *sink)
     syslog_capture_reset();
 }
 
+const char *log_expect_path(void)
+{
+    return file_path;
+}
+
 void log_expect_stop(void)
 {
     if (current_sink != NULL)

@@ -10,6 +10,8 @@
 
 /* Points the sink at a fresh file and forgets earlier messages. */
 void log_expect_start(struct log_sink *sink);
+/* The file the sink writes to, for code that opens the sink itself. */
+const char *log_expect_path(void);
 /* Closes the sink's file and removes it. */
 void log_expect_stop(void);
 
