@@ -65,7 +65,7 @@ static long long wait_for_text(const char *path, const char *text,
 
 static void start_probe(enum sim_board_kind kind)
 {
-    char root[PATH_MAX];
+    char root[PATH_MAX + 16];
     char *const argv[] = { (char *)LIBRARY_PROBE_PATH, NULL };
 
     strcpy(probe.parent, "/tmp/lh_lib_e2e_XXXXXX");
