@@ -1,6 +1,10 @@
 /* The register-access seam: the only code that touches the hardware window.
  * Every register of the library and its drivers is a 32-bit word at a byte
- * offset from a base inside the mapped window. A test build (LH_REG_MODEL)
+ * offset from a base inside the mapped window, read and written as one
+ * access. The API threads and the poll thread share control registers
+ * without a lock (Parts 3.1, 4.1 keep it so), so an access is a relaxed
+ * atomic: the same single instruction, without a data race in the language's
+ * sense. A test build (LH_REG_MODEL)
  * routes the accesses through a register model that can give registers the
  * side effects real hardware has. */
 #ifndef LH_REGS_H
@@ -20,7 +24,9 @@ static inline uint32_t lh_reg_read(volatile void *base, uint32_t offset)
 #ifdef LH_REG_MODEL
     return lh_reg_model_read(base, offset);
 #else
-    return *(volatile uint32_t *)((volatile uint8_t *)base + offset);
+    return __atomic_load_n((volatile uint32_t *)((volatile uint8_t *)base +
+                                                 offset),
+                           __ATOMIC_RELAXED);
 #endif
 }
 
@@ -30,7 +36,8 @@ static inline void lh_reg_write(volatile void *base, uint32_t offset,
 #ifdef LH_REG_MODEL
     lh_reg_model_write(base, offset, value);
 #else
-    *(volatile uint32_t *)((volatile uint8_t *)base + offset) = value;
+    __atomic_store_n((volatile uint32_t *)((volatile uint8_t *)base + offset),
+                     value, __ATOMIC_RELAXED);
 #endif
 }
 
