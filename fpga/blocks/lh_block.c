@@ -44,10 +44,11 @@ void lh_block_mark_created(const struct lh_block_desc *desc,
 int lh_block_context_create(const struct lh_block_desc *desc, uint32_t pipe,
                             volatile void *regs)
 {
-    struct lh_block_ctx *ctx = &desc->contexts[pipe];
+    struct lh_block_ctx *ctx;
 
     if (lh_block_check_create(desc, pipe, regs) != 0)
         return -1;
+    ctx = desc->contexts[pipe];
     ctx->regs = regs;
     if (desc->stats_size != 0 && lh_block_init_stats(desc, ctx) != 0)
         return -1;
@@ -71,7 +72,7 @@ struct lh_block_ctx *lh_block_context(const struct lh_block_desc *desc,
                desc->name, words, pipe);
         return NULL;
     }
-    ctx = &desc->contexts[pipe];
+    ctx = desc->contexts[pipe];
     if (!ctx->valid || ctx->regs == NULL) {
         lh_log(severity, "%s - %s %s - invalid context %d", LH_TAG(ERROR),
                desc->name, words, pipe);

@@ -30,7 +30,8 @@ struct lh_counter_source {
     uint32_t low;
 };
 
-/* The per-pipe context of a block. Drivers that keep more embed it first. */
+/* The per-pipe context of a block. Drivers that keep more embed it as the
+ * first member of their own context. */
 struct lh_block_ctx {
     uint8_t valid;
     volatile void *regs;
@@ -49,7 +50,7 @@ struct lh_block_words {
 struct lh_block_desc {
     const char *name;              /* display name, "CAUI" */
     uint32_t module_id;
-    struct lh_block_ctx *contexts; /* two, indexed by pipe */
+    struct lh_block_ctx *contexts[LH_MAX_PIPES]; /* indexed by pipe */
     const struct lh_error_bit *errors;
     size_t error_count;
     const struct lh_counter_source *counters;
