@@ -4,7 +4,7 @@ BUILD ?= build
 JOBS ?= $(shell nproc)
 CMAKE_TYPE ?= RelWithDebInfo
 
-.PHONY: all bootstrap build test test-asan test-tsan clean
+.PHONY: all bootstrap build test test-asan test-tsan bench clean
 
 all: build
 
@@ -30,6 +30,14 @@ test-asan: bootstrap
 test-tsan: bootstrap
 	$(call configure_and_build,$(BUILD)-tsan,-DPELLIN_SANITIZE=thread)
 	ctest --test-dir $(BUILD)-tsan --output-on-failure -j $(JOBS)
+
+# The poll-cycle benchmark: time per cycle, register accesses per cycle and
+# the time per access they give.
+bench: build
+	@accesses=$$($(BUILD)/bench/bench_poll_accesses) && \
+	cycle=$$($(BUILD)/bench/bench_poll_cycle) && \
+	echo "$$cycle" && echo "$$accesses" && \
+	echo "$$cycle $$accesses" | awk '{ printf "per_access: %.2f ns\n", $$2 * 1000 / $$5 }'
 
 clean:
 	rm -rf $(BUILD) $(BUILD)-asan $(BUILD)-tsan
