@@ -1,0 +1,2 @@
+/* Placeholder until the transport lands. */
+#include "plat_ipc.h"
