@@ -7,30 +7,39 @@
 #include "lh_device.h"
 #include "lh_drivers.h"
 
-#define ONE_SITE(offset) false, { (offset), (offset) }
-#define PER_PIPE(offset) true, { (offset), (offset) + 0x10000 }
+#define ONE_SITE(type, offset, driver)                                         \
+    {                                                                          \
+        .device_type = (type), .per_pipe = false,                              \
+        .offsets = {(offset), (offset)}, .ops = (driver),                      \
+    }
+#define PER_PIPE(type, offset, driver)                                         \
+    {                                                                          \
+        .device_type = (type), .per_pipe = true,                               \
+        .offsets = {(offset), (offset) + 0x10000}, .ops = (driver),            \
+    }
 
 static const struct lh_block_site sites[LH_MOD_COUNT] = {
-    [LH_MOD_GLOBAL] = { LH_DEV_TYPE_BASE, ONE_SITE(0x00000), NULL },
-    [LH_MOD_PCIE] = { LH_DEV_TYPE_BASE, ONE_SITE(0x01000), NULL },
-    [LH_MOD_DDR4] = { LH_DEV_TYPE_BASE, PER_PIPE(0x1A000), NULL },
-    [LH_MOD_CAUI] = { LH_DEV_TYPE_BASE, PER_PIPE(0x10000), &caui_ops },
-    [LH_MOD_NIC] = { LH_DEV_TYPE_BASE, PER_PIPE(0x12000), NULL },
-    [LH_MOD_INGRESS_PKT_PARSER] = { LH_DEV_TYPE_BASE, PER_PIPE(0x16000),
-                                    &parser_ops },
-    [LH_MOD_INGRESS_PKT_CLASSIFIER] = { LH_DEV_TYPE_BASE, PER_PIPE(0x17000),
-                                        NULL },
-    [LH_MOD_INGRESS_PKT_PROCESSOR] = { LH_DEV_TYPE_BASE, PER_PIPE(0x18000),
-                                       NULL },
-    [LH_MOD_EGRESS_SCHEDULER] = { LH_DEV_TYPE_BASE, PER_PIPE(0x19000), NULL },
-    [LH_MOD_LHX_GLOBAL] = { LH_DEV_TYPE_LHX, ONE_SITE(0x00000), NULL },
-    [LH_MOD_LHX_PCIE] = { LH_DEV_TYPE_LHX, ONE_SITE(0x01000), NULL },
-    [LH_MOD_ETH] = { LH_DEV_TYPE_LHX, ONE_SITE(0x10000), &eth_ops },
-    [LH_MOD_LHX_NIC] = { LH_DEV_TYPE_LHX, ONE_SITE(0x12000), NULL },
-    [LH_MOD_LHX_INGRESS_PKT_PARSER] = { LH_DEV_TYPE_LHX, ONE_SITE(0x16000),
-                                        &lhx_parser_ops },
-    [LH_MOD_LHX_EGRESS_SCHEDULER] = { LH_DEV_TYPE_LHX, ONE_SITE(0x19000),
-                                      NULL },
+    [LH_MOD_GLOBAL] = ONE_SITE(LH_DEV_TYPE_BASE, 0x00000, &global_ops),
+    [LH_MOD_PCIE] = ONE_SITE(LH_DEV_TYPE_BASE, 0x01000, &pcie_ops),
+    [LH_MOD_DDR4] = PER_PIPE(LH_DEV_TYPE_BASE, 0x1A000, &ddr4_ops),
+    [LH_MOD_CAUI] = PER_PIPE(LH_DEV_TYPE_BASE, 0x10000, &caui_ops),
+    [LH_MOD_NIC] = PER_PIPE(LH_DEV_TYPE_BASE, 0x12000, &nic_ops),
+    [LH_MOD_INGRESS_PKT_PARSER] =
+        PER_PIPE(LH_DEV_TYPE_BASE, 0x16000, &parser_ops),
+    [LH_MOD_INGRESS_PKT_CLASSIFIER] =
+        PER_PIPE(LH_DEV_TYPE_BASE, 0x17000, &pkt_class_ops),
+    [LH_MOD_INGRESS_PKT_PROCESSOR] =
+        PER_PIPE(LH_DEV_TYPE_BASE, 0x18000, &pkt_proc_ops),
+    [LH_MOD_EGRESS_SCHEDULER] =
+        PER_PIPE(LH_DEV_TYPE_BASE, 0x19000, &egress_sched_ops),
+    [LH_MOD_LHX_GLOBAL] = ONE_SITE(LH_DEV_TYPE_LHX, 0x00000, &lhx_global_ops),
+    [LH_MOD_LHX_PCIE] = ONE_SITE(LH_DEV_TYPE_LHX, 0x01000, &lhx_pcie_ops),
+    [LH_MOD_ETH] = ONE_SITE(LH_DEV_TYPE_LHX, 0x10000, &eth_ops),
+    [LH_MOD_LHX_NIC] = ONE_SITE(LH_DEV_TYPE_LHX, 0x12000, &lhx_nic_ops),
+    [LH_MOD_LHX_INGRESS_PKT_PARSER] =
+        ONE_SITE(LH_DEV_TYPE_LHX, 0x16000, &lhx_parser_ops),
+    [LH_MOD_LHX_EGRESS_SCHEDULER] =
+        ONE_SITE(LH_DEV_TYPE_LHX, 0x19000, &lhx_egress_sched_ops),
 };
 
 const struct lh_block_site *lh_block_site(uint32_t module_id)

@@ -20,6 +20,7 @@
 #define START_TIMEOUT_MS 10000
 #define FOUND_WITHIN_MS 1000
 #define EXIT_TIMEOUT_MS 5000
+#define LH_ARRAY_COUNT(a) (sizeof(a) / sizeof((a)[0]))
 
 struct probe {
     struct sim_board *board;
@@ -144,14 +145,21 @@ static int dump_files(char **first_content)
     return count;
 }
 
+static int count_in_text(const char *content, const char *text)
+{
+    int count = 0;
+
+    for (const char *at = content;
+         at != NULL && (at = strstr(at, text)) != NULL; at += strlen(text))
+        count++;
+    return count;
+}
+
 static int count_lines_with(const char *path, const char *text)
 {
     char *content = read_whole_file(path, NULL);
-    int count = 0;
+    int count = count_in_text(content, text);
 
-    for (char *at = content; at != NULL && (at = strstr(at, text)) != NULL;
-         at += strlen(text))
-        count++;
     free(content);
     return count;
 }
@@ -234,6 +242,223 @@ static void test_one_pipe_board_starts_and_stops(void **state)
                              "terminated...");
 }
 
+/* A fatal bit of one block instance and what it must produce. */
+struct injected_error {
+    uint32_t offset; /* of the status register in the window */
+    unsigned int bit;
+    const char *fatal_line;
+    const char *callback_line;
+    const char *status_line; /* in the dump */
+};
+
+static const struct injected_error base_errors[] = {
+    { 0x00100, 0, "FATAL - Global pipe 0: die 0 SEM controller 0 heartbeat "
+                  "has stopped",
+      "module 0 pipe 0: die 0 SEM controller 0 heartbeat has stopped",
+      "module: global, pipe: 0, status: FAILED" },
+    { 0x01000, 5, "FATAL - PCIe pipe 0: PBUS Trgt FIFO Overflow",
+      "module 1 pipe 0: PBUS Trgt FIFO Overflow",
+      "module: pcie, pipe: 0, status: FAILED" },
+    { 0x2A000, 16, "FATAL - DDR4 pipe 1: Uncorrectable ecc error has been "
+                   "detected in the DDR4",
+      "module 2 pipe 1: Uncorrectable ecc error has been detected in the DDR4",
+      "module: ddr4, pipe: 1, status: FAILED" },
+    { 0x10800, 9, "FATAL - CAUI pipe 0: TX Buffer FIFO Underflow",
+      "module 3 pipe 0: TX Buffer FIFO Underflow",
+      "module: caui, pipe: 0, status: FAILED" },
+    { 0x22020, 29, "FATAL - NIC pipe 1: BudM Linked List Parity Error",
+      "module 4 pipe 1: BudM Linked List Parity Error",
+      "module: nic, pipe: 1, status: FAILED" },
+    { 0x16000, 16, "FATAL - Ingress Pkt Parser pipe 0: Meta Data FIFO Parity "
+                   "Error",
+      "module 5 pipe 0: Meta Data FIFO Parity Error",
+      "module: ingress-pkt-parser, pipe: 0, status: FAILED" },
+    { 0x27700, 4, "FATAL - Ingress Pkt Classifier pipe 1: Reorder FIFO "
+                  "Underflow",
+      "module 6 pipe 1: Reorder FIFO Underflow",
+      "module: ingress-pkt-classifier, pipe: 1, status: FAILED" },
+    { 0x18000, 30, "FATAL - Ingress Pkt Processor pipe 0: Input Packet FIFO "
+                   "Double bit ECC error",
+      "module 7 pipe 0: Input Packet FIFO Double bit ECC error",
+      "module: ingress-pkt-processor, pipe: 0, status: FAILED" },
+    { 0x29000, 13, "FATAL - Egress Scheduler pipe 1: SCHE Out FIFO Overflow",
+      "module 8 pipe 1: SCHE Out FIFO Overflow",
+      "module: egress-scheduler, pipe: 1, status: FAILED" },
+};
+
+static const struct injected_error lhx_errors[] = {
+    { 0x00100, 1, "FATAL - LHX Global pipe 0: die 0 SEM controller 0 has "
+                  "detected a fatal error",
+      "module 9 pipe 0: die 0 SEM controller 0 has detected a fatal error",
+      "module: lhx-global, pipe: 0, status: FAILED" },
+    { 0x01000, 0, "FATAL - LHX PCIe pipe 0: AXI-lite Command FIFO Underflow",
+      "module 10 pipe 0: AXI-lite Command FIFO Underflow",
+      "module: lhx-pcie, pipe: 0, status: FAILED" },
+    { 0x11000, 0, "FATAL - Eth pipe 0: Eth IP TX Underflow",
+      "module 11 pipe 0: Eth IP TX Underflow",
+      "module: eth, pipe: 0, status: FAILED" },
+    { 0x12030, 4, "FATAL - LHX NIC pipe 0: QDMA H2C Data Parity Error",
+      "module 12 pipe 0: QDMA H2C Data Parity Error",
+      "module: lhx-nic, pipe: 0, status: FAILED" },
+    { 0x16000, 0, "FATAL - LHX Ingress Pkt Parser pipe 0: Priority Table "
+                  "Parity Error",
+      "module 13 pipe 0: Priority Table Parity Error",
+      "module: lhx-ingress-pkt-parser, pipe: 0, status: FAILED" },
+    { 0x19000, 0, "FATAL - LHX Egress Scheduler pipe 0: SCHE FIFO (Ingress "
+                  "Path) Underflow",
+      "module 14 pipe 0: SCHE FIFO (Ingress Path) Underflow",
+      "module: lhx-egress-scheduler, pipe: 0, status: FAILED" },
+};
+
+/* Every dump file's content, one after the other. */
+static char *all_dumps(void)
+{
+    const char *logs = sim_board_path(probe.board, SIM_PATH_LOGS);
+    DIR *dir = opendir(logs);
+    struct dirent *entry;
+    char path[PATH_MAX + 256];
+    char *all = strdup("");
+
+    assert_non_null(dir);
+    while ((entry = readdir(dir)) != NULL) {
+        char *content, *joined;
+
+        if (strncmp(entry->d_name, "lark_hollow_dump__", 18) != 0)
+            continue;
+        snprintf(path, sizeof(path), "%s/%s", logs, entry->d_name);
+        content = read_whole_file(path, NULL);
+        assert_non_null(content);
+        assert_true(asprintf(&joined, "%s%s", all, content) > 0);
+        free(all);
+        free(content);
+        all = joined;
+    }
+    closedir(dir);
+    return all;
+}
+
+/* One block after the other fails; each gives its FATAL line, one more
+ * callback and one more dump (two dumps in one second share a file, so
+ * dumps are counted by their status sections). */
+static void inject_one_by_one(const struct injected_error *errors,
+                              size_t count)
+{
+    for (size_t i = 0; i < count; i++) {
+        const struct injected_error *e = &errors[i];
+        char callback[256];
+        char *dumps;
+
+        set_window_bit(e->offset, e->bit);
+        wait_for_text(probe.log_path, e->fatal_line, FOUND_WITHIN_MS);
+        snprintf(callback, sizeof(callback), "%s\n", e->callback_line);
+        wait_for_text(probe.callbacks_path, callback, 2000);
+        assert_int_equal(count_lines_with(probe.callbacks_path, "module "),
+                         (int)i + 1);
+        dumps = all_dumps();
+        assert_non_null(strstr(dumps, e->status_line));
+        assert_int_equal(count_in_text(dumps, "----------- Module Status"),
+                         (int)i + 1);
+        free(dumps);
+    }
+    assert_int_equal(count_lines_with(probe.log_path, "FATAL - "),
+                     (int)count);
+}
+
+static void test_every_base_block_type_reports_once(void **state)
+{
+    (void)state;
+    start_probe(SIM_BOARD_BASE2);
+    inject_one_by_one(base_errors, LH_ARRAY_COUNT(base_errors));
+    assert_int_equal(stop_probe(), 0);
+}
+
+static void test_every_lhx_block_type_reports_once(void **state)
+{
+    (void)state;
+    start_probe(SIM_BOARD_LHX);
+    inject_one_by_one(lhx_errors, LH_ARRAY_COUNT(lhx_errors));
+    assert_int_equal(stop_probe(), 0);
+}
+
+/* The context-created lines of a bring-up, in list order, and no module
+ * refused. */
+static void assert_contexts_created(const char *const *lines, size_t count)
+{
+    char *log = read_whole_file(probe.log_path, NULL);
+    const char *at = log;
+
+    assert_non_null(log);
+    for (size_t i = 0; i < count; i++) {
+        at = strstr(at, lines[i]);
+        if (at == NULL)
+            fail_msg("no \"%s\" after the earlier contexts", lines[i]);
+    }
+    assert_int_equal(count_in_text(log, "context created"), (int)count);
+    assert_null(strstr(log, "unsupported module"));
+    free(log);
+}
+
+static void test_two_pipe_board_creates_16_contexts_in_list_order(void **state)
+{
+    static const char *const lines[] = {
+        "Informational - Global module 0 context created\n",
+        "Informational - PCIe module 0 context created\n",
+        "Informational - DDR4 module 0 context created\n",
+        "Informational - DDR4 module 1 context created\n",
+        "Informational - CAUI module 0 context created\n",
+        "Informational - CAUI module 1 context created\n",
+        "Informational - NIC module 0 context created\n",
+        "Informational - NIC module 1 context created\n",
+        "Informational - Ingress Pkt Parser module 0 context created\n",
+        "Informational - Ingress Pkt Parser module 1 context created\n",
+        "Informational - Ingress Pkt Classifier module 0 context created\n",
+        "Informational - Ingress Pkt Classifier module 1 context created\n",
+        "Informational - Ingress Pkt Processor module 0 context created\n",
+        "Informational - Ingress Pkt Processor module 1 context created\n",
+        "Informational - Egress Scheduler module 0 context created\n",
+        "Informational - Egress Scheduler module 1 context created\n",
+    };
+
+    (void)state;
+    start_probe(SIM_BOARD_BASE2);
+    assert_contexts_created(lines, LH_ARRAY_COUNT(lines));
+}
+
+static void test_one_pipe_board_creates_9_contexts(void **state)
+{
+    static const char *const lines[] = {
+        "Informational - Global module 0 context created\n",
+        "Informational - PCIe module 0 context created\n",
+        "Informational - DDR4 module 0 context created\n",
+        "Informational - CAUI module 0 context created\n",
+        "Informational - NIC module 0 context created\n",
+        "Informational - Ingress Pkt Parser module 0 context created\n",
+        "Informational - Ingress Pkt Classifier module 0 context created\n",
+        "Informational - Ingress Pkt Processor module 0 context created\n",
+        "Informational - Egress Scheduler module 0 context created\n",
+    };
+
+    (void)state;
+    start_probe(SIM_BOARD_BASE1);
+    assert_contexts_created(lines, LH_ARRAY_COUNT(lines));
+}
+
+static void test_lhx_board_creates_6_contexts(void **state)
+{
+    static const char *const lines[] = {
+        "Informational - LHX Global module 0 context created\n",
+        "Informational - LHX PCIe module 0 context created\n",
+        "Informational - Eth module 0 context created\n",
+        "Informational - LHX NIC module 0 context created\n",
+        "Informational - LHX Ingress Pkt Parser module 0 context created\n",
+        "Informational - LHX Egress Scheduler module 0 context created\n",
+    };
+
+    (void)state;
+    start_probe(SIM_BOARD_LHX);
+    assert_contexts_created(lines, LH_ARRAY_COUNT(lines));
+}
+
 int main(void)
 {
 #define T(name) cmocka_unit_test_teardown(name, teardown)
@@ -241,6 +466,11 @@ int main(void)
         T(test_fatal_error_found_dumped_and_reported_once),
         T(test_lhx_fatal_error),
         T(test_one_pipe_board_starts_and_stops),
+        T(test_every_base_block_type_reports_once),
+        T(test_every_lhx_block_type_reports_once),
+        T(test_two_pipe_board_creates_16_contexts_in_list_order),
+        T(test_one_pipe_board_creates_9_contexts),
+        T(test_lhx_board_creates_6_contexts),
     };
 
     return cmocka_run_group_tests(tests, NULL, NULL);

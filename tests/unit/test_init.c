@@ -45,6 +45,8 @@ int __wrap_system(const char *command)
 #define UNSUPPORTED(id)                                                       \
     "Null pointer - unsupported module " #id                                  \
     " encountered during initializtion"
+#define CREATED(name, pipe)                                                   \
+    "Informational - " name " module " #pipe " context created"
 #define POLL_STARTED "Larks Hollow FPGA system poll thread started..."
 #define POLL_TERMINATED "Larks Hollow FPGA system poll thread terminated..."
 #define INITIALIZED "Informational - Larks Hollow FPGA Initialized"
@@ -82,24 +84,22 @@ static void test_two_pipe_base_device(void **state)
 {
     static const struct logged lines[] = {
         { LOG_INFO, REVISION_LINE },
-        { LOG_ERR, UNSUPPORTED(0) },
-        { LOG_ERR, UNSUPPORTED(1) },
-        { LOG_ERR, UNSUPPORTED(2) },
-        { LOG_ERR, UNSUPPORTED(2) },
-        { LOG_INFO, "Informational - CAUI module 0 context created" },
-        { LOG_INFO, "Informational - CAUI module 1 context created" },
-        { LOG_ERR, UNSUPPORTED(4) },
-        { LOG_ERR, UNSUPPORTED(4) },
-        { LOG_INFO, "Informational - Ingress Pkt Parser module 0 context "
-                    "created" },
-        { LOG_INFO, "Informational - Ingress Pkt Parser module 1 context "
-                    "created" },
-        { LOG_ERR, UNSUPPORTED(6) },
-        { LOG_ERR, UNSUPPORTED(6) },
-        { LOG_ERR, UNSUPPORTED(7) },
-        { LOG_ERR, UNSUPPORTED(7) },
-        { LOG_ERR, UNSUPPORTED(8) },
-        { LOG_ERR, UNSUPPORTED(8) },
+        { LOG_INFO, CREATED("Global", 0) },
+        { LOG_INFO, CREATED("PCIe", 0) },
+        { LOG_INFO, CREATED("DDR4", 0) },
+        { LOG_INFO, CREATED("DDR4", 1) },
+        { LOG_INFO, CREATED("CAUI", 0) },
+        { LOG_INFO, CREATED("CAUI", 1) },
+        { LOG_INFO, CREATED("NIC", 0) },
+        { LOG_INFO, CREATED("NIC", 1) },
+        { LOG_INFO, CREATED("Ingress Pkt Parser", 0) },
+        { LOG_INFO, CREATED("Ingress Pkt Parser", 1) },
+        { LOG_INFO, CREATED("Ingress Pkt Classifier", 0) },
+        { LOG_INFO, CREATED("Ingress Pkt Classifier", 1) },
+        { LOG_INFO, CREATED("Ingress Pkt Processor", 0) },
+        { LOG_INFO, CREATED("Ingress Pkt Processor", 1) },
+        { LOG_INFO, CREATED("Egress Scheduler", 0) },
+        { LOG_INFO, CREATED("Egress Scheduler", 1) },
         { LOG_DEBUG, POLL_STARTED },
         { LOG_INFO, INITIALIZED },
     };
@@ -120,16 +120,15 @@ static void test_one_pipe_base_device(void **state)
 {
     static const struct logged lines[] = {
         { LOG_INFO, REVISION_LINE },
-        { LOG_ERR, UNSUPPORTED(0) },
-        { LOG_ERR, UNSUPPORTED(1) },
-        { LOG_ERR, UNSUPPORTED(2) },
-        { LOG_INFO, "Informational - CAUI module 0 context created" },
-        { LOG_ERR, UNSUPPORTED(4) },
-        { LOG_INFO, "Informational - Ingress Pkt Parser module 0 context "
-                    "created" },
-        { LOG_ERR, UNSUPPORTED(6) },
-        { LOG_ERR, UNSUPPORTED(7) },
-        { LOG_ERR, UNSUPPORTED(8) },
+        { LOG_INFO, CREATED("Global", 0) },
+        { LOG_INFO, CREATED("PCIe", 0) },
+        { LOG_INFO, CREATED("DDR4", 0) },
+        { LOG_INFO, CREATED("CAUI", 0) },
+        { LOG_INFO, CREATED("NIC", 0) },
+        { LOG_INFO, CREATED("Ingress Pkt Parser", 0) },
+        { LOG_INFO, CREATED("Ingress Pkt Classifier", 0) },
+        { LOG_INFO, CREATED("Ingress Pkt Processor", 0) },
+        { LOG_INFO, CREATED("Egress Scheduler", 0) },
         { LOG_DEBUG, POLL_STARTED },
         { LOG_INFO, INITIALIZED },
     };
@@ -144,13 +143,12 @@ static void test_lhx_device(void **state)
 {
     static const struct logged lines[] = {
         { LOG_INFO, REVISION_LINE },
-        { LOG_ERR, UNSUPPORTED(9) },
-        { LOG_ERR, UNSUPPORTED(10) },
-        { LOG_INFO, "Informational - Eth module 0 context created" },
-        { LOG_ERR, UNSUPPORTED(12) },
-        { LOG_INFO, "Informational - LHX Ingress Pkt Parser module 0 context "
-                    "created" },
-        { LOG_ERR, UNSUPPORTED(14) },
+        { LOG_INFO, CREATED("LHX Global", 0) },
+        { LOG_INFO, CREATED("LHX PCIe", 0) },
+        { LOG_INFO, CREATED("Eth", 0) },
+        { LOG_INFO, CREATED("LHX NIC", 0) },
+        { LOG_INFO, CREATED("LHX Ingress Pkt Parser", 0) },
+        { LOG_INFO, CREATED("LHX Egress Scheduler", 0) },
         { LOG_DEBUG, POLL_STARTED },
         { LOG_INFO, INITIALIZED },
     };
@@ -166,11 +164,11 @@ static void test_failed_context_stops_bring_up_but_leaves_it_initialised(
 {
     static const struct logged lines[] = {
         { LOG_INFO, REVISION_LINE },
-        { LOG_ERR, UNSUPPORTED(0) },
-        { LOG_ERR, UNSUPPORTED(1) },
-        { LOG_ERR, UNSUPPORTED(2) },
-        { LOG_ERR, UNSUPPORTED(2) },
-        { LOG_INFO, "Informational - CAUI module 0 context created" },
+        { LOG_INFO, CREATED("Global", 0) },
+        { LOG_INFO, CREATED("PCIe", 0) },
+        { LOG_INFO, CREATED("DDR4", 0) },
+        { LOG_INFO, CREATED("DDR4", 1) },
+        { LOG_INFO, CREATED("CAUI", 0) },
         { LOG_CRIT, "Error - CAUI module context create - mutex init failed" },
         { LOG_DEBUG, "read register - addr 0xf0000010, data 0x24031510" },
     };
@@ -178,7 +176,7 @@ static void test_failed_context_stops_bring_up_but_leaves_it_initialised(
 
     (void)state;
     start(&lh_desc_base_two_pipes);
-    failing_mutex_init = 2;
+    failing_mutex_init = 3; /* PCIe, CAUI 0, then CAUI 1 */
     assert_int_equal(lh_fpga_init(log_expect_path()), -1);
     assert_int_equal(lh_read_register(0x010, &value), 0);
     assert_int_equal(value, 0x24031510);
@@ -188,6 +186,28 @@ static void test_failed_context_stops_bring_up_but_leaves_it_initialised(
     lh_fpga_shutdown();
     assert_false(log_sink_is_open(&lh_log_file));
     assert_int_equal(syslog_capture_count(), 8);
+}
+
+/* An id of the other image or none at all is refused and the walk goes
+ * on; a per-pipe block on a pipe above 1 is skipped without a word. */
+static void test_unsupported_modules_are_refused_and_skipped(void **state)
+{
+    static const lh_module_entry odd_list[] = {
+        { LH_MOD_LHX_GLOBAL, 0 }, { LH_MOD_DDR4, 2 }, { 16, 0 },
+        { LH_MOD_GLOBAL, 0 }, { LH_MOD_END, 0 },
+    };
+    const lh_module_entry *list = lh_desc_base_one_pipe.module_list;
+
+    (void)state;
+    start(&lh_desc_base_one_pipe);
+    lh_desc_base_one_pipe.module_list = odd_list;
+    assert_int_equal(lh_base_device_init(), 0);
+    lh_desc_base_one_pipe.module_list = list;
+    expect_log(LOG_INFO, REVISION_LINE);
+    expect_log(LOG_ERR, UNSUPPORTED(9));
+    expect_log(LOG_ERR, UNSUPPORTED(16));
+    expect_log(LOG_INFO, CREATED("Global", 0));
+    expect_no_more_logs();
 }
 
 static void test_unsupported_device_type_fails_silently(void **state)
@@ -246,6 +266,7 @@ int main(void)
         T(test_one_pipe_base_device),
         T(test_lhx_device),
         T(test_failed_context_stops_bring_up_but_leaves_it_initialised),
+        T(test_unsupported_modules_are_refused_and_skipped),
         T(test_unsupported_device_type_fails_silently),
         T(test_unknown_device_type),
         T(test_default_log_path),
