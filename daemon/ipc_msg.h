@@ -6,6 +6,8 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include "plat_ipc.h"
+
 #define PLM_IPC_APP_ID 219
 
 /* The application id in the upper 16 bits, a number in the lower. */
@@ -46,18 +48,9 @@ enum plm_ipc_err {
     PLM_IPC_ERR_GET_INGR_QOS_FAILED = 12,
 };
 
-/* The record ipc_recv fills and ipc_send takes; 32 bytes, host order. */
-typedef struct plm_ipc_msg {
-    uint32_t addr0;
-    uint32_t addr1;
-    uint32_t op_id;
-    uint8_t aux_byte; /* 1 in every reply */
-    uint8_t msg_type;
-    uint16_t reserved;
-    uint32_t payload_len;
-    uint32_t padding;
-    void *payload;
-} plm_ipc_msg;
+/* The record ipc_recv fills and ipc_send takes: the platform IPC
+ * library's own, 32 bytes in host order. */
+typedef ipc_msg_t plm_ipc_msg;
 
 _Static_assert(sizeof(plm_ipc_msg) == 32, "plm_ipc_msg is 32 bytes");
 _Static_assert(offsetof(plm_ipc_msg, addr0) == 0, "addr0 at 0");
