@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include "cmocka_all.h"
+#include "daemon_support.h"
 #include "log_expect.h"
 #include "plm_log.h"
 #include "private_tmp.h"
@@ -30,26 +31,11 @@ static int setup(void **state)
     return 0;
 }
 
-/* The daemon never frees an entry (Part 1.3); a test that starts the
- * list again frees the ones it made. */
-static void free_entries(void)
-{
-    plm_thread_monitor_entry *head = &plm_thread_monitor_list;
-
-    while (head->next != head) {
-        plm_thread_monitor_entry *entry = head->next;
-
-        head->next = entry->next;
-        free(entry);
-    }
-    plm_thread_monitor_init();
-}
-
 static int teardown(void **state)
 {
     (void)state;
     fail_calloc = 0;
-    free_entries();
+    free_monitor_entries();
     log_expect_stop();
     return 0;
 }
