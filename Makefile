@@ -4,7 +4,7 @@ BUILD ?= build
 JOBS ?= $(shell nproc)
 CMAKE_TYPE ?= RelWithDebInfo
 
-.PHONY: all bootstrap build test test-asan test-tsan bench clean
+.PHONY: all bootstrap build run test test-asan test-tsan bench clean
 
 all: build
 
@@ -19,6 +19,11 @@ endef
 
 build: bootstrap
 	$(call configure_and_build,$(BUILD),)
+
+# The daemon on a simulated two-pipe base board, in the foreground, its log
+# on the terminal; Ctrl-C stops it and removes the board.
+run: build
+	$(BUILD)/bin/lhsim run --board base2 -- $(abspath $(BUILD))/bin/pellin_mgr
 
 test: build
 	ctest --test-dir $(BUILD) --output-on-failure -j $(JOBS)
