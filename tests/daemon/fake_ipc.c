@@ -1,5 +1,6 @@
 #include "fake_ipc.h"
 
+#include <pthread.h>
 #include <stdlib.h>
 #include <string.h>
 
@@ -33,15 +34,19 @@ int ipc_ctx_add_endpoint(uint64_t ctx, uint32_t app_id, int type, int flags)
     (void)app_id;
     (void)type;
     (void)flags;
-    return 0;
+    return fake_ipc.add_endpoint_result;
 }
 
 int ipc_recv(uint64_t ctx, ipc_msg_t *msg, int timeout_ms)
 {
+    int call = fake_ipc.recv_calls++;
+
     (void)ctx;
-    (void)msg;
     (void)timeout_ms;
-    return -1;
+    memset(msg, 0, sizeof(*msg));
+    if (call >= fake_ipc.recv_scripted)
+        pthread_exit(NULL);
+    return fake_ipc.recv_results[call];
 }
 
 /* Takes the payload over, as the real one does. */

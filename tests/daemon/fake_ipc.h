@@ -16,8 +16,16 @@ struct fake_sent {
     uint8_t payload[FAKE_IPC_MAX_PAYLOAD];
 };
 
+#define FAKE_IPC_MAX_RECV 4
+
 struct fake_ipc {
     int send_result;
+    int add_endpoint_result;
+    /* What each ipc_recv returns, in turn; past the last one the calling
+     * thread ends, so a test can join the IPC server thread. */
+    int recv_results[FAKE_IPC_MAX_RECV];
+    int recv_scripted;
+    int recv_calls;
     struct fake_sent sent[FAKE_IPC_MAX_SENT];
     size_t sent_count;
 };
