@@ -1,6 +1,7 @@
 #define _GNU_SOURCE
 #include "log_expect.h"
 
+#include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -124,6 +125,17 @@ void expect_log(int severity, const char *text)
     assert_string_equal(entry->ident, current_sink->ident);
     next_message++;
     expect_file_line(text);
+}
+
+void expect_logf(int severity, const char *format, ...)
+{
+    char text[CAPTURED_TEXT_SIZE];
+    va_list args;
+
+    va_start(args, format);
+    vsnprintf(text, sizeof(text), format, args);
+    va_end(args);
+    expect_log(severity, text);
 }
 
 void expect_no_more_logs(void)

@@ -17,6 +17,9 @@ void log_expect_stop(void);
 
 /* The next message, in both sinks, is `text` at `severity`. */
 void expect_log(int severity, const char *text);
+/* expect_log with a printf-style text. */
+void expect_logf(int severity, const char *format, ...)
+    __attribute__((format(printf, 2, 3)));
 /* Every message so far has been expected. */
 void expect_no_more_logs(void);
 /* Skips messages up to and including the first whose text is `text`;

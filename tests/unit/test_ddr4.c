@@ -9,6 +9,7 @@
 #include <string.h>
 
 #include "cmocka_all.h"
+#include "mutex_wrap.h"
 #include "ddr4.h"
 #include "fake_device.h"
 #include "lh_drivers.h"
@@ -35,22 +36,6 @@ static uint32_t script[32];
 static size_t script_length;
 static size_t script_reads;
 
-static bool mutex_init_fails;
-static unsigned int mutex_inits;
-
-int __real_pthread_mutex_init(pthread_mutex_t *mutex,
-                              const pthread_mutexattr_t *attr);
-int __wrap_pthread_mutex_init(pthread_mutex_t *mutex,
-                              const pthread_mutexattr_t *attr);
-
-int __wrap_pthread_mutex_init(pthread_mutex_t *mutex,
-                              const pthread_mutexattr_t *attr)
-{
-    mutex_inits++;
-    if (mutex_init_fails)
-        return EAGAIN;
-    return __real_pthread_mutex_init(mutex, attr);
-}
 
 static uint32_t scripted(uint32_t stored)
 {
@@ -102,20 +87,6 @@ static volatile void *block(uint32_t pipe)
 static void store_status(uint32_t pipe, uint32_t value)
 {
     reg_model_store(model, pipe_base[pipe], value);
-}
-
-static void expect_logf(int severity, const char *format, ...)
-    __attribute__((format(printf, 2, 3)));
-
-static void expect_logf(int severity, const char *format, ...)
-{
-    char text[CAPTURED_TEXT_SIZE];
-    va_list args;
-
-    va_start(args, format);
-    vsnprintf(text, sizeof(text), format, args);
-    va_end(args);
-    expect_log(severity, text);
 }
 
 static void create(uint32_t pipe)

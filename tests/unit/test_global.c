@@ -9,6 +9,7 @@
 #include <string.h>
 
 #include "cmocka_all.h"
+#include "mutex_wrap.h"
 #include "fake_device.h"
 #include "global.h"
 #include "lh_drivers.h"
@@ -42,22 +43,6 @@ static size_t read_count;
 static uint32_t script[MAX_TRACE];
 static size_t script_length;
 
-static bool mutex_init_fails;
-static unsigned int mutex_inits;
-
-int __real_pthread_mutex_init(pthread_mutex_t *mutex,
-                              const pthread_mutexattr_t *attr);
-int __wrap_pthread_mutex_init(pthread_mutex_t *mutex,
-                              const pthread_mutexattr_t *attr);
-
-int __wrap_pthread_mutex_init(pthread_mutex_t *mutex,
-                              const pthread_mutexattr_t *attr)
-{
-    mutex_inits++;
-    if (mutex_init_fails)
-        return EAGAIN;
-    return __real_pthread_mutex_init(mutex, attr);
-}
 
 struct driver {
     const char *name;
@@ -109,20 +94,6 @@ static volatile void *block_at(uint32_t offset)
 static void store(uint32_t offset, uint32_t value)
 {
     reg_model_store(model, offset, value);
-}
-
-static void expect_logf(int severity, const char *format, ...)
-    __attribute__((format(printf, 2, 3)));
-
-static void expect_logf(int severity, const char *format, ...)
-{
-    char text[CAPTURED_TEXT_SIZE];
-    va_list args;
-
-    va_start(args, format);
-    vsnprintf(text, sizeof(text), format, args);
-    va_end(args);
-    expect_log(severity, text);
 }
 
 static void create(const struct driver *driver, uint32_t pipe, uint32_t base)

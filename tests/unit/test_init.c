@@ -6,25 +6,13 @@
 #include <string.h>
 
 #include "cmocka_all.h"
+#include "mutex_wrap.h"
 #include "fake_device.h"
 #include "lh_log.h"
 #include "log_expect.h"
 #include "private_tmp.h"
 #include "syslog_capture.h"
 
-static int mutex_init_calls;
-static int failing_mutex_init; /* 1-based call that fails; 0: none */
-
-int __real_pthread_mutex_init(pthread_mutex_t *mutex,
-                              const pthread_mutexattr_t *attr);
-
-int __wrap_pthread_mutex_init(pthread_mutex_t *mutex,
-                              const pthread_mutexattr_t *attr)
-{
-    if (++mutex_init_calls == failing_mutex_init)
-        return EAGAIN;
-    return __real_pthread_mutex_init(mutex, attr);
-}
 
 /* The fake device already stands where the bus would show one. */
 int __wrap_lh_pci_system_init(lh_device_desc *descs, uint32_t count)
@@ -68,8 +56,8 @@ static struct reg_model *start(lh_device_desc *desc)
 
     reg_model_store(model, 0x000, 0x00010203);
     reg_model_store(model, 0x010, 0x24031510);
-    mutex_init_calls = 0;
-    failing_mutex_init = 0;
+    mutex_inits = 0;
+    mutex_init_failing_call = 0;
     return model;
 }
 
@@ -176,7 +164,7 @@ static void test_failed_context_stops_bring_up_but_leaves_it_initialised(
 
     (void)state;
     start(&lh_desc_base_two_pipes);
-    failing_mutex_init = 3; /* PCIe, CAUI 0, then CAUI 1 */
+    mutex_init_failing_call = 3; /* PCIe, CAUI 0, then CAUI 1 */
     assert_int_equal(lh_fpga_init(log_expect_path()), -1);
     assert_int_equal(lh_read_register(0x010, &value), 0);
     assert_int_equal(value, 0x24031510);

@@ -10,6 +10,7 @@
 #include <string.h>
 
 #include "cmocka_all.h"
+#include "mutex_wrap.h"
 #include "fake_device.h"
 #include "lh_drivers.h"
 #include "lh_log.h"
@@ -45,20 +46,6 @@ static uint32_t status_script[32];
 static size_t status_script_length;
 static size_t status_reads;
 
-static bool mutex_init_fails;
-
-int __real_pthread_mutex_init(pthread_mutex_t *mutex,
-                              const pthread_mutexattr_t *attr);
-int __wrap_pthread_mutex_init(pthread_mutex_t *mutex,
-                              const pthread_mutexattr_t *attr);
-
-int __wrap_pthread_mutex_init(pthread_mutex_t *mutex,
-                              const pthread_mutexattr_t *attr)
-{
-    if (mutex_init_fails)
-        return EAGAIN;
-    return __real_pthread_mutex_init(mutex, attr);
-}
 
 struct driver {
     const char *name;
@@ -157,20 +144,6 @@ static int teardown(void **state)
 {
     mutex_init_fails = false;
     return fake_device_teardown(state);
-}
-
-static void expect_logf(int severity, const char *format, ...)
-    __attribute__((format(printf, 2, 3)));
-
-static void expect_logf(int severity, const char *format, ...)
-{
-    char text[CAPTURED_TEXT_SIZE];
-    va_list args;
-
-    va_start(args, format);
-    vsnprintf(text, sizeof(text), format, args);
-    va_end(args);
-    expect_log(severity, text);
 }
 
 static void create(const struct driver *driver, uint32_t pipe, int site)

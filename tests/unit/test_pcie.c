@@ -9,6 +9,7 @@
 #include <string.h>
 
 #include "cmocka_all.h"
+#include "mutex_wrap.h"
 #include "fake_device.h"
 #include "lh_drivers.h"
 #include "lh_log.h"
@@ -43,22 +44,6 @@ static unsigned long counter_reads;
 static uint32_t script[16];
 static size_t script_length;
 
-static bool mutex_init_fails;
-static unsigned int mutex_inits;
-
-int __real_pthread_mutex_init(pthread_mutex_t *mutex,
-                              const pthread_mutexattr_t *attr);
-int __wrap_pthread_mutex_init(pthread_mutex_t *mutex,
-                              const pthread_mutexattr_t *attr);
-
-int __wrap_pthread_mutex_init(pthread_mutex_t *mutex,
-                              const pthread_mutexattr_t *attr)
-{
-    mutex_inits++;
-    if (mutex_init_fails)
-        return EAGAIN;
-    return __real_pthread_mutex_init(mutex, attr);
-}
 
 struct driver {
     const char *name;
@@ -150,20 +135,6 @@ static void block_store(int site, uint32_t reg, uint32_t value)
 static uint32_t block_peek(int site, uint32_t reg)
 {
     return reg_model_peek(model, site_offsets[site] + reg);
-}
-
-static void expect_logf(int severity, const char *format, ...)
-    __attribute__((format(printf, 2, 3)));
-
-static void expect_logf(int severity, const char *format, ...)
-{
-    char text[CAPTURED_TEXT_SIZE];
-    va_list args;
-
-    va_start(args, format);
-    vsnprintf(text, sizeof(text), format, args);
-    va_end(args);
-    expect_log(severity, text);
 }
 
 static void create(const struct driver *driver, uint32_t pipe, int site)

@@ -10,6 +10,7 @@
 #include <string.h>
 
 #include "cmocka_all.h"
+#include "mutex_wrap.h"
 #include "lh_drivers.h"
 #include "fake_device.h"
 #include "lh_log.h"
@@ -52,20 +53,6 @@ static uint32_t scripted_status_reg;
 static uint32_t status_script[32];
 static size_t status_script_length;
 
-static bool mutex_init_fails;
-
-int __real_pthread_mutex_init(pthread_mutex_t *mutex,
-                              const pthread_mutexattr_t *attr);
-int __wrap_pthread_mutex_init(pthread_mutex_t *mutex,
-                              const pthread_mutexattr_t *attr);
-
-int __wrap_pthread_mutex_init(pthread_mutex_t *mutex,
-                              const pthread_mutexattr_t *attr)
-{
-    if (mutex_init_fails)
-        return EAGAIN;
-    return __real_pthread_mutex_init(mutex, attr);
-}
 
 /* Part 4.5's statistics rule: 12 pairs, then runs of single registers. */
 #define PAIRS 12
@@ -261,20 +248,6 @@ static int teardown(void **state)
 {
     mutex_init_fails = false;
     return fake_device_teardown(state);
-}
-
-static void expect_logf(int severity, const char *format, ...)
-    __attribute__((format(printf, 2, 3)));
-
-static void expect_logf(int severity, const char *format, ...)
-{
-    char text[CAPTURED_TEXT_SIZE];
-    va_list args;
-
-    va_start(args, format);
-    vsnprintf(text, sizeof(text), format, args);
-    va_end(args);
-    expect_log(severity, text);
 }
 
 static void create(uint32_t pipe)

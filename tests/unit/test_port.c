@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include "cmocka_all.h"
+#include "mutex_wrap.h"
 #include "fake_device.h"
 #include "lh_drivers.h"
 #include "lh_log.h"
@@ -195,20 +196,8 @@ static struct {
     unsigned int control_write_count;
 } fx;
 
-static bool fail_mutex_init;
 static unsigned long usleep_calls;
 static unsigned long usleep_total_us;
-
-int __real_pthread_mutex_init(pthread_mutex_t *mutex,
-                              const pthread_mutexattr_t *attr);
-
-int __wrap_pthread_mutex_init(pthread_mutex_t *mutex,
-                              const pthread_mutexattr_t *attr)
-{
-    if (fail_mutex_init)
-        return EAGAIN;
-    return __real_pthread_mutex_init(mutex, attr);
-}
 
 static uint32_t reg(uint32_t offset)
 {
@@ -379,7 +368,7 @@ static void start_device(const struct port_case *port, lh_device_desc *device)
     fx.align_after_resets = -1;
     fx.model = fake_device_start(device, 1);
     fx.regs = (uint8_t *)fx.model->words + BLOCK_BASE;
-    fail_mutex_init = false;
+    mutex_init_fails = false;
     usleep_calls = 0;
     usleep_total_us = 0;
 }
@@ -578,9 +567,9 @@ static void test_failed_mutex_init_leaves_context_valid(void **state)
     expect_line(LOG_CRIT, "Error - %s get interface state - invalid context 0",
                 port->name);
 
-    fail_mutex_init = true;
+    mutex_init_fails = true;
     assert_int_equal(port->ops->context_create(0, fx.regs), -1);
-    fail_mutex_init = false;
+    mutex_init_fails = false;
     expect_line(LOG_CRIT,
                 "Error - %s module context create - mutex init failed",
                 port->name);
