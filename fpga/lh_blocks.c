@@ -53,3 +53,25 @@ const struct lh_block_ops *lh_block_ops_of(uint32_t module_id)
 
     return site == NULL ? NULL : site->ops;
 }
+
+int lh_block_layout_of(uint32_t module_id, struct lh_block_layout *out)
+{
+    const struct lh_block_site *site = lh_block_site(module_id);
+    const struct lh_block_desc *desc;
+
+    if (site == NULL || site->ops == NULL || out == NULL)
+        return -1;
+    desc = site->ops->desc;
+    *out = (struct lh_block_layout){
+        .name = desc->name,
+        .device_type = site->device_type,
+        .per_pipe = site->per_pipe,
+        .offsets = { site->offsets[0], site->offsets[1] },
+        .errors = desc->errors,
+        .error_count = desc->error_count,
+        .counters = desc->counters,
+        .counter_count = desc->counter_count,
+        .stats_size = desc->stats_size,
+    };
+    return 0;
+}

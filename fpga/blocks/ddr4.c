@@ -56,6 +56,7 @@ int ddr4_fatal_error_detect(uint32_t pipe, lh_fatal_error_t *report)
 }
 
 const struct lh_block_ops ddr4_ops = {
+    .desc = &ddr4,
     .context_create = ddr4_context_create,
     .fatal_error_detect = ddr4_fatal_error_detect,
 };

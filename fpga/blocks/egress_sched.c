@@ -130,6 +130,7 @@ int lhx_egress_sched_fatal_error_detect(uint32_t pipe, lh_fatal_error_t *report)
 }
 
 const struct lh_block_ops egress_sched_ops = {
+    .desc = &egress_sched,
     .context_create = egress_sched_context_create,
     .update_stats = egress_sched_update_stats,
     .get_stats = egress_sched_get_stats,
@@ -138,6 +139,7 @@ const struct lh_block_ops egress_sched_ops = {
 };
 
 const struct lh_block_ops lhx_egress_sched_ops = {
+    .desc = &lhx_egress_sched,
     .context_create = lhx_egress_sched_context_create,
     .update_stats = lhx_egress_sched_update_stats,
     .get_stats = lhx_egress_sched_get_stats,

@@ -73,11 +73,13 @@ int lhx_global_fatal_error_detect(uint32_t pipe, lh_fatal_error_t *report)
 }
 
 const struct lh_block_ops global_ops = {
+    .desc = &global,
     .context_create = global_context_create,
     .fatal_error_detect = global_fatal_error_detect,
 };
 
 const struct lh_block_ops lhx_global_ops = {
+    .desc = &lhx_global,
     .context_create = lhx_global_context_create,
     .fatal_error_detect = lhx_global_fatal_error_detect,
 };

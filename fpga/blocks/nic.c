@@ -381,6 +381,7 @@ int lhx_nic_fatal_error_detect(uint32_t pipe, lh_fatal_error_t *report)
 }
 
 const struct lh_block_ops nic_ops = {
+    .desc = &nic.block,
     .context_create = nic_context_create,
     .update_stats = nic_update_stats,
     .get_stats = nic_get_stats,
@@ -389,6 +390,7 @@ const struct lh_block_ops nic_ops = {
 };
 
 const struct lh_block_ops lhx_nic_ops = {
+    .desc = &lhx_nic.block,
     .context_create = lhx_nic_context_create,
     .update_stats = lhx_nic_update_stats,
     .get_stats = lhx_nic_get_stats,

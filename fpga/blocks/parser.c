@@ -291,6 +291,7 @@ int lhx_parser_qos_get_profile(uint32_t pipe, lh_qos_profile_t *qos)
 }
 
 const struct lh_block_ops parser_ops = {
+    .desc = &parser,
     .context_create = parser_context_create,
     .update_stats = parser_update_stats,
     .get_stats = parser_get_stats,
@@ -301,6 +302,7 @@ const struct lh_block_ops parser_ops = {
 };
 
 const struct lh_block_ops lhx_parser_ops = {
+    .desc = &lhx_parser,
     .context_create = lhx_parser_context_create,
     .update_stats = lhx_parser_update_stats,
     .get_stats = lhx_parser_get_stats,

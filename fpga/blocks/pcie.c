@@ -114,6 +114,7 @@ int lhx_pcie_fatal_error_detect(uint32_t pipe, lh_fatal_error_t *report)
 }
 
 const struct lh_block_ops pcie_ops = {
+    .desc = &pcie,
     .context_create = pcie_context_create,
     .update_stats = pcie_update_stats,
     .get_stats = pcie_get_stats,
@@ -122,6 +123,7 @@ const struct lh_block_ops pcie_ops = {
 };
 
 const struct lh_block_ops lhx_pcie_ops = {
+    .desc = &lhx_pcie,
     .context_create = lhx_pcie_context_create,
     .update_stats = lhx_pcie_update_stats,
     .get_stats = lhx_pcie_get_stats,

@@ -190,6 +190,7 @@ int pkt_class_fatal_error_detect(uint32_t pipe, lh_fatal_error_t *report)
 }
 
 const struct lh_block_ops pkt_class_ops = {
+    .desc = &pkt_class,
     .context_create = pkt_class_context_create,
     .update_stats = pkt_class_update_stats,
     .get_stats = pkt_class_get_stats,

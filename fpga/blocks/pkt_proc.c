@@ -114,6 +114,7 @@ int pkt_proc_fatal_error_detect(uint32_t pipe, lh_fatal_error_t *report)
 }
 
 const struct lh_block_ops pkt_proc_ops = {
+    .desc = &pkt_proc,
     .context_create = pkt_proc_context_create,
     .update_stats = pkt_proc_update_stats,
     .get_stats = pkt_proc_get_stats,

@@ -619,6 +619,7 @@ void caui_rx_align_monitor(uint32_t pipe)
 
 /* Only caui's align monitor is called by the poll thread (Part 3.1). */
 const struct lh_block_ops eth_ops = {
+    .desc = &eth.block,
     .context_create = eth_context_create,
     .set_interface_state = eth_set_interface_state,
     .get_interface_state = eth_get_interface_state,
@@ -632,6 +633,7 @@ const struct lh_block_ops eth_ops = {
 };
 
 const struct lh_block_ops caui_ops = {
+    .desc = &caui.block,
     .context_create = caui_context_create,
     .set_interface_state = caui_set_interface_state,
     .get_interface_state = caui_get_interface_state,
