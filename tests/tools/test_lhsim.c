@@ -1,0 +1,14 @@
+/* Placeholder until the tool's tests land. */
+#include "cmocka_all.h"
+
+static void test_placeholder(void **state)
+{
+    (void)state;
+}
+
+int main(void)
+{
+    const struct CMUnitTest tests[] = { cmocka_unit_test(test_placeholder) };
+
+    return cmocka_run_group_tests(tests, NULL, NULL);
+}

@@ -1,0 +1,5 @@
+/* Placeholder until the client lands. */
+int main(void)
+{
+    return 2;
+}
