@@ -1,0 +1,19 @@
+#!/bin/sh
+# cmake --install puts the service and its controller in sbin, the tools in
+# bin and the systemd unit, naming the installed daemon, under lib.
+set -eu
+build=$1
+prefix=$(mktemp -d)
+trap 'rm -rf "$prefix"' EXIT
+
+cmake --install "$build" --prefix "$prefix" >/dev/null
+for file in sbin/pellin_mgr sbin/keeper_svc bin/lhctl bin/lhsim; do
+    [ -x "$prefix/$file" ] || { echo "missing $file" >&2; exit 1; }
+done
+unit="$prefix/lib/systemd/system/pellin_mgr.service"
+[ -f "$unit" ] || { echo "missing the systemd unit" >&2; exit 1; }
+grep -qx 'ExecStart=.*/sbin/pellin_mgr' "$unit" || {
+    echo "the unit does not start the daemon" >&2
+    exit 1
+}
+echo "install layout: 1 passed, 0 failed"
