@@ -1,166 +1,82 @@
-/* lhsim: the simulated Larks Hollow board as a tool.
+/* lhsim: the simulated Larks Hollow board as a tool (host.md 4): make a
+ * board directory, run the daemon or a shell on it in its sandbox, and do
+ * what hardware does while the daemon runs. docs/lhsim.md has the details.
  *
- *   lhsim run [--board base2|base1|lhx] [--dir DIR] [--keep] -- PROGRAM [ARG...]
- *
- * Creates a board (in DIR, or a fresh directory under /tmp), runs PROGRAM
- * on it in its sandbox and streams the daemon's log file to standard output
- * while PROGRAM runs. Ctrl-C or SIGTERM stop PROGRAM; the board is then
- * removed unless --keep. The exit status is PROGRAM's. */
-#define _GNU_SOURCE
+ * Exit status: 0 done, 1 no board (or it could not be changed), 2 a usage
+ * error or a target the board does not have; run and shell give their
+ * program's. */
 #include <errno.h>
-#include <fcntl.h>
-#include <getopt.h>
-#include <libgen.h>
-#include <limits.h>
-#include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include "simboard.h"
+#include "lhsim.h"
 
-#define TAIL_INTERVAL_US 100000
-#define STOP_TIMEOUT_MS 5000
-#define DAEMON_LOG "pellin_mgr.log"
+static const struct lhsim_command commands[] = {
+    {"create", lhsim_create, "[--board base2|base1|lhx] DIR"},
+    {"run", lhsim_run,
+     "[--board base2|base1|lhx] [--dir DIR] [--keep] -- PROGRAM [ARG...]"},
+    {"shell", lhsim_shell, "DIR"},
+    {"destroy", lhsim_destroy, "DIR"},
+    {"fatal", lhsim_fatal, "DIR MODULE PIPE (TEXT|--bit [REG:]N)"},
+    {"clear-fatal", lhsim_clear_fatal, "DIR MODULE PIPE"},
+    {"link", lhsim_link, "DIR PIPE up|down"},
+    {"counter", lhsim_counter, "DIR MODULE PIPE INDEX VALUE"},
+    {"peek", lhsim_peek, "DIR OFFSET"},
+    {"poke", lhsim_poke, "DIR OFFSET VALUE"},
+    {"errors", lhsim_errors, "MODULE"},
+};
 
-static volatile sig_atomic_t stop_signal;
+#define COMMAND_COUNT (sizeof(commands) / sizeof(commands[0]))
 
-static void usage(void)
+int lhsim_usage(const struct lhsim_command *command)
 {
-    fprintf(stderr, "usage: lhsim run [--board base2|base1|lhx] [--dir DIR] "
-                    "[--keep] -- PROGRAM [ARG...]\n");
+    fprintf(stderr, "usage: lhsim %s %s\n", command->name, command->usage);
+    return LHSIM_USAGE;
 }
 
-static void on_stop(int signal_number)
+static void usage_all(FILE *to)
 {
-    stop_signal = signal_number;
+    for (size_t i = 0; i < COMMAND_COUNT; i++)
+        fprintf(to, "%s lhsim %s %s\n", i == 0 ? "usage:" : "      ",
+                commands[i].name, commands[i].usage);
 }
 
-/* Copies what the log file gained since `*offset` to standard output. */
-static void tail_log(const char *path, off_t *offset)
+int lhsim_parse_u64(const char *text, uint64_t *value)
 {
-    char buffer[4096];
-    int fd = open(path, O_RDONLY | O_CLOEXEC);
-    ssize_t got;
+    unsigned long long parsed;
+    char *end;
 
-    if (fd < 0)
-        return;
-    while ((got = pread(fd, buffer, sizeof(buffer), *offset)) > 0) {
-        if (write(STDOUT_FILENO, buffer, (size_t)got) != got)
-            break;
-        *offset += got;
-    }
-    close(fd);
-}
-
-/* Streams the log until the program ends; forwards a stop request. */
-static int follow(pid_t pid, const char *log_path)
-{
-    off_t offset = 0;
-    int status = 0;
-
-    for (;;) {
-        pid_t done = waitpid(pid, &status, WNOHANG);
-
-        tail_log(log_path, &offset);
-        if (done == pid)
-            break;
-        if (stop_signal != 0) {
-            kill(pid, SIGTERM);
-            sim_wait(pid, STOP_TIMEOUT_MS, &status);
-            tail_log(log_path, &offset);
-            break;
-        }
-        usleep(TAIL_INTERVAL_US);
-    }
-    if (WIFEXITED(status))
-        return WEXITSTATUS(status);
-    return 128 + (WIFSIGNALED(status) ? WTERMSIG(status) : 0);
-}
-
-static int make_root(const char *dir, char *root, size_t size)
-{
-    if (dir != NULL) {
-        snprintf(root, size, "%s", dir);
-        return 0;
-    }
-    snprintf(root, size, "/tmp/lhsim_XXXXXX");
-    if (mkdtemp(root) == NULL)
+    if (text == NULL || *text == '\0' || *text == '-' || *text == '+')
         return -1;
-    strncat(root, "/board", size - strlen(root) - 1);
+    errno = 0;
+    parsed = strtoull(text, &end, 0);
+    if (errno != 0 || *end != '\0')
+        return -1;
+    *value = parsed;
     return 0;
 }
 
-static int run(int argc, char **argv)
+int lhsim_parse_u32(const char *text, uint32_t *value)
 {
-    static const struct option options[] = {
-        { "board", required_argument, NULL, 'b' },
-        { "dir", required_argument, NULL, 'd' },
-        { "keep", no_argument, NULL, 'k' },
-        { NULL, 0, NULL, 0 },
-    };
-    enum sim_board_kind kind = SIM_BOARD_BASE2;
-    const char *dir = NULL;
-    int keep = 0, option, status;
-    char root[PATH_MAX], log_path[PATH_MAX + 32];
-    struct sim_board *board;
-    pid_t pid;
+    uint64_t parsed;
 
-    while ((option = getopt_long(argc, argv, "+b:d:k", options, NULL)) != -1) {
-        if (option == 'b' && sim_board_kind_from_name(optarg, &kind) == 0)
-            continue;
-        if (option == 'd') {
-            dir = optarg;
-            continue;
-        }
-        if (option == 'k') {
-            keep = 1;
-            continue;
-        }
-        usage();
-        return 2;
-    }
-    if (optind >= argc) {
-        usage();
-        return 2;
-    }
-    if (make_root(dir, root, sizeof(root)) != 0 ||
-        sim_board_create(root, kind, &board) != 0) {
-        fprintf(stderr, "lhsim: cannot create the board in %s: %s\n", root,
-                strerror(errno));
-        return 1;
-    }
-    snprintf(log_path, sizeof(log_path), "%s/" DAEMON_LOG,
-             sim_board_path(board, SIM_PATH_LOGS));
-    fprintf(stderr, "lhsim: %s board in %s; socket %s/ipc/219.sock\n",
-            sim_board_kind_name(kind), root,
-            sim_board_path(board, SIM_PATH_RUN));
-    signal(SIGINT, on_stop);
-    signal(SIGTERM, on_stop);
-    pid = sim_board_spawn(board, NULL, &argv[optind]);
-    if (pid < 0) {
-        fprintf(stderr, "lhsim: cannot start %s: %s\n", argv[optind],
-                strerror(errno));
-        sim_board_destroy(board);
-        return 1;
-    }
-    status = follow(pid, log_path);
-    if (keep) {
-        sim_board_free(board);
-        return status;
-    }
-    sim_board_destroy(board);
-    if (dir == NULL)
-        rmdir(dirname(root)); /* the directory make_root made */
-    return status;
+    if (lhsim_parse_u64(text, &parsed) < 0 || parsed > UINT32_MAX)
+        return -1;
+    *value = (uint32_t)parsed;
+    return 0;
 }
 
 int main(int argc, char **argv)
 {
-    if (argc >= 2 && strcmp(argv[1], "run") == 0)
-        return run(argc - 1, argv + 1);
-    usage();
-    return 2;
+    if (argc >= 2 &&
+        (strcmp(argv[1], "help") == 0 || strcmp(argv[1], "--help") == 0)) {
+        usage_all(stdout);
+        return LHSIM_OK;
+    }
+    for (size_t i = 0; argc >= 2 && i < COMMAND_COUNT; i++)
+        if (strcmp(argv[1], commands[i].name) == 0)
+            return commands[i].handler(&commands[i], argc - 1, argv + 1);
+    usage_all(stderr);
+    return LHSIM_USAGE;
 }
