@@ -16,4 +16,14 @@ grep -qx 'ExecStart=.*/sbin/pellin_mgr' "$unit" || {
     echo "the unit does not start the daemon" >&2
     exit 1
 }
+# Where systemd's analyser is at hand, the unit must pass it (pointed at
+# the daemon just installed).
+if command -v systemd-analyze >/dev/null 2>&1; then
+    sed "s|^ExecStart=.*|ExecStart=$prefix/sbin/pellin_mgr|" "$unit" \
+        >"$prefix/pellin_mgr.service"
+    systemd-analyze verify "$prefix/pellin_mgr.service" || {
+        echo "systemd-analyze rejects the unit" >&2
+        exit 1
+    }
+fi
 echo "install layout: 1 passed, 0 failed"
