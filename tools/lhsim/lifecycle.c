@@ -79,6 +79,24 @@ static int exit_status(int status)
     return 128 + (WIFSIGNALED(status) ? WTERMSIG(status) : 0);
 }
 
+#define STOP_RETRY_US 50000
+
+/* Sends SIGTERM until the program has ended: one sent before the child
+ * dropped lhsim's own handlers (between fork and exec) would be lost.
+ * SIGKILL after STOP_TIMEOUT_MS. */
+static void stop_program(pid_t pid, int *status)
+{
+    for (int waited_us = 0; waited_us < STOP_TIMEOUT_MS * 1000;
+         waited_us += STOP_RETRY_US) {
+        kill(pid, SIGTERM);
+        if (waitpid(pid, status, WNOHANG) == pid)
+            return;
+        usleep(STOP_RETRY_US);
+    }
+    kill(pid, SIGKILL);
+    waitpid(pid, status, 0);
+}
+
 /* Streams the log's new lines until the program ends; forwards a stop
  * request. */
 static int follow(pid_t pid, const char *log_path)
@@ -93,8 +111,7 @@ static int follow(pid_t pid, const char *log_path)
         if (done == pid)
             break;
         if (stop_signal != 0) {
-            kill(pid, SIGTERM);
-            sim_wait(pid, STOP_TIMEOUT_MS, &status);
+            stop_program(pid, &status);
             tail_log(log_path, &offset);
             break;
         }
