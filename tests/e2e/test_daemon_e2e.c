@@ -19,6 +19,7 @@
 #include <unistd.h>
 
 #include "cmocka_all.h"
+#include "file_watch.h"
 #include "log_expect.h"
 #include "log_file.h"
 #include "plat_ipc.h"
@@ -41,44 +42,6 @@ struct daemon {
 };
 
 static struct daemon d;
-
-static long long now_ms(void)
-{
-    struct timespec now;
-
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec * 1000LL + now.tv_nsec / 1000000;
-}
-
-static char *file_text(const char *path)
-{
-    char *text = read_whole_file(path, NULL);
-
-    return text != NULL ? text : strdup("");
-}
-
-static int count_in(const char *path, const char *text)
-{
-    char *content = file_text(path);
-    int count = 0;
-
-    for (const char *at = content; (at = strstr(at, text)) != NULL;
-         at += strlen(text))
-        count++;
-    free(content);
-    return count;
-}
-
-static void wait_for_text(const char *path, const char *text, int timeout_ms)
-{
-    long long start = now_ms();
-
-    while (count_in(path, text) == 0) {
-        if (now_ms() - start > timeout_ms)
-            fail_msg("\"%s\" not in %s after %d ms", text, path, timeout_ms);
-        usleep(20000);
-    }
-}
 
 static void make_board(enum sim_board_kind kind)
 {

@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include "cmocka_all.h"
+#include "file_watch.h"
 #include "lh_log.h"
 #include "log_expect.h"
 #include "log_file.h"
@@ -31,38 +32,6 @@ struct probe {
 };
 
 static struct probe probe;
-
-static long long now_ms(void)
-{
-    struct timespec now;
-
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec * 1000LL + now.tv_nsec / 1000000;
-}
-
-static int file_has(const char *path, const char *text)
-{
-    char *content = read_whole_file(path, NULL);
-    int found = content != NULL && strstr(content, text) != NULL;
-
-    free(content);
-    return found;
-}
-
-/* Waits until the file holds `text`; returns the milliseconds it took, or
- * fails after `timeout_ms`. */
-static long long wait_for_text(const char *path, const char *text,
-                               int timeout_ms)
-{
-    long long start = now_ms();
-
-    while (!file_has(path, text)) {
-        if (now_ms() - start > timeout_ms)
-            fail_msg("\"%s\" not in %s after %d ms", text, path, timeout_ms);
-        usleep(10000);
-    }
-    return now_ms() - start;
-}
 
 static void start_probe(enum sim_board_kind kind)
 {
@@ -145,25 +114,6 @@ static int dump_files(char **first_content)
     return count;
 }
 
-static int count_in_text(const char *content, const char *text)
-{
-    int count = 0;
-
-    for (const char *at = content;
-         at != NULL && (at = strstr(at, text)) != NULL; at += strlen(text))
-        count++;
-    return count;
-}
-
-static int count_lines_with(const char *path, const char *text)
-{
-    char *content = read_whole_file(path, NULL);
-    int count = count_in_text(content, text);
-
-    free(content);
-    return count;
-}
-
 /* Waits for the snapshot register of a port to be written again by the
  * poll thread's update_stats. */
 static int snapshot_rewritten(uint32_t snapshot_offset, int timeout_ms)
@@ -197,8 +147,8 @@ static void test_fatal_error_found_dumped_and_reported_once(void **state)
     /* Two more polls: the failed block is left alone, the others go on. */
     assert_true(snapshot_rewritten(0x102B0, 2000));
     assert_false(snapshot_rewritten(0x202B0, 1200));
-    assert_int_equal(count_lines_with(probe.callbacks_path, "module "), 1);
-    assert_int_equal(count_lines_with(probe.log_path, "FATAL - "), 1);
+    assert_int_equal(count_in(probe.callbacks_path, "module "), 1);
+    assert_int_equal(count_in(probe.log_path, "FATAL - "), 1);
     assert_int_equal(dump_files(&dump), 1);
     assert_non_null(dump);
     assert_non_null(strstr(dump, "module: caui, pipe: 0, status: OK\n"
@@ -225,7 +175,7 @@ static void test_lhx_fatal_error(void **state)
                   2000);
     assert_int_equal(dump_files(NULL), 1);
     assert_int_equal(stop_probe(), 0);
-    assert_int_equal(count_lines_with(probe.callbacks_path, "module "), 1);
+    assert_int_equal(count_in(probe.callbacks_path, "module "), 1);
 }
 
 static void test_one_pipe_board_starts_and_stops(void **state)
@@ -352,7 +302,7 @@ static void inject_one_by_one(const struct injected_error *errors,
         wait_for_text(probe.log_path, e->fatal_line, FOUND_WITHIN_MS);
         snprintf(callback, sizeof(callback), "%s\n", e->callback_line);
         wait_for_text(probe.callbacks_path, callback, 2000);
-        assert_int_equal(count_lines_with(probe.callbacks_path, "module "),
+        assert_int_equal(count_in(probe.callbacks_path, "module "),
                          (int)i + 1);
         dumps = all_dumps();
         assert_non_null(strstr(dumps, e->status_line));
@@ -360,7 +310,7 @@ static void inject_one_by_one(const struct injected_error *errors,
                          (int)i + 1);
         free(dumps);
     }
-    assert_int_equal(count_lines_with(probe.log_path, "FATAL - "),
+    assert_int_equal(count_in(probe.log_path, "FATAL - "),
                      (int)count);
 }
 

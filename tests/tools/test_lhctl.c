@@ -22,6 +22,7 @@
 #include <unistd.h>
 
 #include "cmocka_all.h"
+#include "file_watch.h"
 #include "log_expect.h"
 #include "plat_ipc.h"
 #include "simboard.h"
@@ -62,26 +63,11 @@ static struct daemon base, lhx;
 static char scratch[PATH_MAX]; /* captured output of the children */
 static char out_file[SCRATCH_MAX], err_file[SCRATCH_MAX];
 
-static long long now_ms(void)
-{
-    struct timespec now;
-
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec * 1000LL + now.tv_nsec / 1000000;
-}
-
 /* A file in the scratch directory; buf holds SCRATCH_MAX bytes. */
 static char *scratch_file(char *buf, const char *name)
 {
     snprintf(buf, SCRATCH_MAX, "%s/%s", scratch, name);
     return buf;
-}
-
-static char *file_text(const char *path)
-{
-    char *text = read_whole_file(path, NULL);
-
-    return text != NULL ? text : strdup("");
 }
 
 /* Child processes */

@@ -17,6 +17,7 @@
 #include <unistd.h>
 
 #include "cmocka_all.h"
+#include "file_watch.h"
 #include "log_expect.h"
 #include "plat_ipc.h"
 #include "simboard.h"
@@ -46,33 +47,6 @@ struct fixture {
 
 static struct fixture f;
 
-static long long now_ms(void)
-{
-    struct timespec now;
-
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec * 1000LL + now.tv_nsec / 1000000;
-}
-
-static char *file_text(const char *path)
-{
-    char *text = read_whole_file(path, NULL);
-
-    return text != NULL ? text : strdup("");
-}
-
-static int count_in(const char *path, const char *text)
-{
-    char *content = file_text(path);
-    int count = 0;
-
-    for (const char *at = content; (at = strstr(at, text)) != NULL;
-         at += strlen(text))
-        count++;
-    free(content);
-    return count;
-}
-
 static void wait_for_count(const char *path, const char *text, int count)
 {
     long long start = now_ms();
@@ -83,11 +57,6 @@ static void wait_for_count(const char *path, const char *text, int count)
                      LOG_TIMEOUT_MS);
         usleep(20000);
     }
-}
-
-static void wait_for_text(const char *path, const char *text)
-{
-    wait_for_count(path, text, 1);
 }
 
 static int setup(void **state)
@@ -593,7 +562,7 @@ static void test_fatal_error_reaches_the_daemon(void **state)
     start_daemon();
     assert_int_equal(
         LHSIM("fatal", f.dir, "caui", "1", "TX Buffer FIFO Underflow"), 0);
-    wait_for_text(f.log, ": FATAL - Pellin FAILED\n");
+    wait_for_text(f.log, ": FATAL - Pellin FAILED\n", LOG_TIMEOUT_MS);
     assert_int_equal(
         count_in(f.log, ": FATAL - CAUI pipe 1: TX Buffer FIFO Underflow\n"),
         1);
@@ -604,11 +573,13 @@ static void test_fatal_error_reaches_the_daemon(void **state)
     /* Another block, by bit. */
     assert_int_equal(
         LHSIM("fatal", f.dir, "ingress-pkt-parser", "0", "--bit", "16"), 0);
-    wait_for_text(f.log, ": NPU fatal error handler: ingress-pkt-parser pipe 0 "
-                         "(Meta Data FIFO Parity Error)\n");
+    wait_for_text(f.log,
+                  ": NPU fatal error handler: ingress-pkt-parser pipe 0 "
+                  "(Meta Data FIFO Parity Error)\n",
+                  LOG_TIMEOUT_MS);
     assert_int_equal(count_in(f.log, "Pellin FAILED"), 1);
     /* lhsim run streamed the log as it grew. */
-    wait_for_text(f.run_out, ": FATAL - Pellin FAILED\n");
+    wait_for_text(f.run_out, ": FATAL - Pellin FAILED\n", LOG_TIMEOUT_MS);
     assert_int_equal(LHSIM("destroy", f.dir), 1);
     assert_err_has("a daemon is serving");
     stop_run();
@@ -623,7 +594,7 @@ static void test_cleared_board_is_healthy_for_a_later_daemon(void **state)
     create_board("base2");
     assert_int_equal(LHSIM("fatal", f.dir, "caui", "0", "--bit", "5"), 0);
     start_daemon();
-    wait_for_text(f.log, ": FATAL - Pellin FAILED\n");
+    wait_for_text(f.log, ": FATAL - Pellin FAILED\n", LOG_TIMEOUT_MS);
     stop_run();
     assert_int_equal(LHSIM("clear-fatal", f.dir, "caui", "0"), 0);
     start_daemon();
@@ -643,9 +614,11 @@ static void test_link_change_is_seen_by_the_daemon_poll(void **state)
     create_board("base2");
     start_daemon();
     assert_int_equal(LHSIM("link", f.dir, "1", "down"), 0);
-    wait_for_text(f.log, ": Informational - traffic pipe 1 changed to DOWN\n");
+    wait_for_text(f.log, ": Informational - traffic pipe 1 changed to DOWN\n",
+                  LOG_TIMEOUT_MS);
     assert_int_equal(LHSIM("link", f.dir, "1", "up"), 0);
-    wait_for_text(f.log, ": Informational - traffic pipe 1 changed to UP\n");
+    wait_for_text(f.log, ": Informational - traffic pipe 1 changed to UP\n",
+                  LOG_TIMEOUT_MS);
     assert_int_equal(count_in(f.log, "traffic pipe 0 changed"), 0);
 }
 
@@ -700,7 +673,7 @@ static void test_counter_reaches_the_daemon_statistics(void **state)
     start_daemon();
     assert_int_equal(daemon_counter(3, 1, 25), 0);
     assert_int_equal(LHSIM("link", f.dir, "1", "down"), 0);
-    wait_for_text(f.log, "traffic pipe 1 changed to DOWN\n");
+    wait_for_text(f.log, "traffic pipe 1 changed to DOWN\n", LOG_TIMEOUT_MS);
     assert_int_equal(LHSIM("counter", f.dir, "caui", "1", "25", "0x300000007"),
                      0);
     assert_int_equal(LHSIM("link", f.dir, "1", "up"), 0);
@@ -777,13 +750,13 @@ static void test_run_removes_only_the_board_it_made(void **state)
     (void)state;
     snprintf(made, sizeof(made), "%s/made", f.parent);
     start_run(in_dir);
-    wait_for_text(f.run_err, "; socket ");
+    wait_for_text(f.run_err, "; socket ", LOG_TIMEOUT_MS);
     assert_int_equal(stop_run(), 128 + SIGTERM);
     assert_int_equal(access(made, F_OK), -1);
     assert_nothing_mounted(made);
     create_board("base1");
     start_run(in_board);
-    wait_for_text(f.run_err, "; socket ");
+    wait_for_text(f.run_err, "; socket ", LOG_TIMEOUT_MS);
     assert_int_equal(stop_run(), 128 + SIGTERM);
     assert_nothing_mounted(f.dir);
     assert_int_equal(peek("0"), 0x00010203);
