@@ -59,6 +59,11 @@ void fake_device_remove(void)
     write_text_file(LH_IDPROM_CACHE_PATH, NULL);
 }
 
+struct reg_model *fake_device_model(void)
+{
+    return installed != NULL ? &model : NULL;
+}
+
 struct reg_model *fake_device_start(lh_device_desc *desc, int initialized)
 {
     struct reg_model *window = fake_device_install(desc, initialized);

@@ -18,6 +18,9 @@ struct reg_model *fake_device_install(lh_device_desc *desc, int initialized);
  * every module OK, no IDPROM file. */
 void fake_device_remove(void);
 
+/* The model of the installed device's window, or null. */
+struct reg_model *fake_device_model(void);
+
 /* fake_device_install, then log expectations on the library's sinks. */
 struct reg_model *fake_device_start(lh_device_desc *desc, int initialized);
 /* A cmocka teardown: ends the expectations and removes the device. */

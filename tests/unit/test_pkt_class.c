@@ -2,22 +2,17 @@
  * model of the block's hardware: clear-on-read counters, three status
  * registers that can change between reads, a count of the reads of every
  * register and the order in which the status registers are read. */
-#include <errno.h>
-#include <pthread.h>
-#include <stdarg.h>
 #include <stdbool.h>
-#include <stdio.h>
 #include <string.h>
 
+#include "block_test.h"
 #include "cmocka_all.h"
-#include "mutex_wrap.h"
-#include "lh_drivers.h"
 #include "fake_device.h"
+#include "lh_drivers.h"
 #include "lh_log.h"
 #include "log_expect.h"
+#include "mutex_wrap.h"
 #include "pkt_class.h"
-#include "private_tmp.h"
-#include "syslog_capture.h"
 
 /* Block registers, offsets from the block base (Part 4.5). */
 #define STATUS0    0x000u
@@ -25,9 +20,6 @@
 #define STATUS2    0x700u
 #define BLOCK_SPAN 0x800u
 
-#define ARRAY_SIZE(a) (sizeof(a) / sizeof((a)[0]))
-
-#define NAME              "Ingress Pkt Classifier"
 #define STATS_BYTES       568
 #define COUNTERS          71
 #define COUNTER_REGISTERS 83
@@ -37,37 +29,18 @@
 #define STATUS1_ROWS 14
 #define STATUS2_ROWS 17
 
-/* The classifier blocks of the base window, pipe 0's and pipe 1's
- * (Part 2.4). */
-#define SITES 2
-static const uint32_t site_offsets[SITES] = { 0x17000, 0x27000 };
-
-static struct reg_model *model;
-static unsigned long reads_of[SITES][BLOCK_SPAN / 4];
-/* The status registers in the order they were read. */
-static uint32_t status_reads[128];
-static size_t status_read_count;
-/* Successive reads of status register `scripted_status_reg` return these,
- * then the last one; other registers return the stored word. */
-static uint32_t scripted_status_reg;
-static uint32_t status_script[32];
-static size_t status_script_length;
-
-
 /* Part 4.5's statistics rule: 12 pairs, then runs of single registers. */
 #define PAIRS 12
 static const struct {
     uint32_t first;
     size_t count;
 } single_runs[] = {
-    { 0x80, 11 }, { 0xF0, 13 }, { 0x220, 19 }, { 0x288, 10 }, { 0x720, 6 },
+    {0x80, 11}, {0xF0, 13}, {0x220, 19}, {0x288, 10}, {0x720, 6},
 };
 
 /* The register of bits 63..32 (0: none) and of bits 31..0, built from the
  * rule by build_counter_sources. */
-static struct {
-    uint32_t high, low;
-} counter_sources[COUNTERS];
+static struct bt_counter counter_sources[COUNTERS];
 
 /* Returns the number of counters the rule gives. */
 static size_t build_counter_sources(void)
@@ -78,7 +51,7 @@ static size_t build_counter_sources(void)
         counter_sources[n].high = 0x20 + 8 * k;
         counter_sources[n].low = 0x24 + 8 * k;
     }
-    for (size_t run = 0; run < ARRAY_SIZE(single_runs); run++) {
+    for (size_t run = 0; run < BT_ARRAY_SIZE(single_runs); run++) {
         for (uint32_t i = 0; i < single_runs[run].count; i++, n++) {
             counter_sources[n].high = 0;
             counter_sources[n].low = single_runs[run].first + 4 * i;
@@ -87,161 +60,119 @@ static size_t build_counter_sources(void)
     return n;
 }
 
-/* Part 4.5's fatal error table, in test order. */
-static const struct {
-    uint32_t reg;
-    unsigned int bit;
-    const char *text;
-} error_rows[ERROR_ROWS] = {
-    { STATUS0, 24, "VF/DMA QID RAM Double bit ECC Error" },
-    { STATUS0, 23,
-      "Ingress Packet Classification Packet Bus Missing EOP Error" },
-    { STATUS0, 22,
-      "Ingress Packet Classification Packet Bus Missing SOP Error" },
-    { STATUS0, 21, "Response FIFO4 Overflow" },
-    { STATUS0, 20, "Response FIFO4 Underflow" },
-    { STATUS0, 19, "Control FIFO4 Overflow" },
-    { STATUS0, 18, "Control FIFO4 Underflow" },
-    { STATUS0, 17, "Response FIFO3 Overflow" },
-    { STATUS0, 16, "Response FIFO3 Underflow" },
-    { STATUS0, 15, "Control FIFO3 Overflow" },
-    { STATUS0, 14, "Control FIFO3 Underflow" },
-    { STATUS0, 13, "Four Tuple Table Double bit ECC Error" },
-    { STATUS0, 12, "Response FIFO2 Overflow" },
-    { STATUS0, 11, "Response FIFO2 Underflow" },
-    { STATUS0, 10, "Control FIFO2 Overflow" },
-    { STATUS0, 9, "Control FIFO2 Underflow" },
-    { STATUS0, 8, "Six Tuple Table Double bit ECC Error" },
-    { STATUS0, 7, "Response FIFO1 Overflow" },
-    { STATUS0, 6, "Response FIFO1 Underflow" },
-    { STATUS0, 5, "Control FIFO1 Overflow" },
-    { STATUS0, 4, "Control FIFO1 Underflow" },
-    { STATUS0, 3, "Tunnel Table Double bit ECC Error" },
-    { STATUS0, 2, "Control FIFO0 Overflow" },
-    { STATUS0, 1, "Control FIFO0 Underflow" },
-    { STATUS0, 0, "Option Table Double bit ECC Error" },
-    { STATUS0, 30, "In-band Access Action Table Timeout Error" },
-    { STATUS0, 29, "Inband Flow Manager Packet Bus Missing EOP Error" },
-    { STATUS0, 28, "Inband Flow Manager Packet Bus Missing SOP Error" },
-    { STATUS0, 27, "Inband Flow Manager FIFO Overflow" },
-    { STATUS0, 26, "Inband Flow Manager FIFO Underflow" },
-    { STATUS0, 25, "Inband Flow Manager RAM/FIFO Double bit ECC Error" },
-    { STATUS1, 13, "Inband Stat Collection Timeout Error" },
-    { STATUS1, 12, "Inband Stat Manager Packet Bus Missing EOP Error" },
-    { STATUS1, 11, "Inband Stat Manager Packet Bus Missing SOP Error" },
-    { STATUS1, 10, "Inband Stat Manager FIFO Overflow" },
-    { STATUS1, 9, "Inband Stat Manager FIFO Underflow" },
-    { STATUS1, 8, "Inband Stat Manager RAM/FIFO Double bit ECC Error" },
-    { STATUS1, 7,
-      "Time-out Error when reading statitics from hbm and acc_cache" },
-    { STATUS1, 6,
-      "Stat Read Flow Missing Error. Flow id mismatch between read request "
-      "and response from stat table" },
-    { STATUS1, 5, "Stat FIFO Overflow" },
-    { STATUS1, 4, "Stat FIFO Underflow" },
-    { STATUS1, 3, "Stat FIFO Parity Error" },
-    { STATUS1, 2, "Statistics AG RAM Double bit ECC Error" },
-    { STATUS1, 1, "Statistics ACC RAM Double bit ECC Error" },
-    { STATUS1, 0, "Statistics HBM_RL RAM Double bit ECC Error" },
-    { STATUS2, 16, "Key Table (Cache) Double bit ECC Error" },
-    { STATUS2, 15, "Timestamp Table (Cache) Double bit ECC Error" },
-    { STATUS2, 14, "Action Rule Table (Cache) Double bit ECC error" },
-    { STATUS2, 13, "Lookup FIFO Overflow" },
-    { STATUS2, 12, "Lookup FIFO Underflow" },
-    { STATUS2, 11, "Key Pending FIFO Overflow" },
-    { STATUS2, 10, "Key Pending FIFO Underflow" },
-    { STATUS2, 9, "DDR4 Read FIFO Overflow" },
-    { STATUS2, 8, "DDR4 Read FIFO Underflow" },
-    { STATUS2, 7, "Reorder FIFO Overflow" },
-    { STATUS2, 6, "Reorder FIFO Underflow" },
-    { STATUS2, 5, "Insert FIFO Overflow" },
-    { STATUS2, 4, "Reorder FIFO Underflow" },
-    { STATUS2, 3, "Cache Response FIFO Overflow" },
-    { STATUS2, 2, "Cache Response FIFO Underflow" },
-    { STATUS2, 1, "DDR4 Response FIFO Overflow" },
-    { STATUS2, 0, "DDR4 Response FIFO Underflow" },
+/* Loads every counter register, and the registers inside the counter
+ * ranges' gaps, which are not counters. */
+static void load_counters(int site, uint32_t poll)
+{
+    for (uint32_t reg = 0x04; reg < BLOCK_SPAN; reg += 4)
+        if (reg != STATUS1 && reg != STATUS2)
+            bt_store(site, reg, bt_value_by_site(site, reg, poll));
+}
+
+/* The classifier blocks of the base window, pipe 0's and pipe 1's
+ * (Part 2.4). */
+static const struct bt_layout layout = {
+    .sites = {0x17000, 0x27000},
+    .site_count = 2,
+    .span = BLOCK_SPAN,
+    .status = {STATUS0, STATUS1, STATUS2},
+    .status_count = 3,
+    .counters = counter_sources,
+    .counter_count = COUNTERS,
+    .value = bt_value_by_site,
+    .load = load_counters,
 };
 
-static bool is_status_register(uint32_t reg)
-{
-    return reg == STATUS0 || reg == STATUS1 || reg == STATUS2;
-}
+static const struct bt_driver pkt_class = {
+    .name = "Ingress Pkt Classifier",
+    .ops = &pkt_class_ops,
+    .device = &lh_desc_base_two_pipes,
+    .stats_bytes = STATS_BYTES,
+};
 
-static bool is_counter_register(uint32_t reg)
-{
-    for (size_t i = 0; i < COUNTERS; i++)
-        if (reg == counter_sources[i].low ||
-            (counter_sources[i].high != 0 && reg == counter_sources[i].high))
-            return true;
-    return false;
-}
+static const struct bt_call refusals[] = {
+    BT_STATS_REFUSALS("clear stats", "fatal error detection"),
+};
 
-/* The site holding window offset `offset`, with the block register in
- * `reg`; -1 outside both blocks. */
-static int site_of(uint32_t offset, uint32_t *reg)
-{
-    for (int site = 0; site < SITES; site++) {
-        if (offset >= site_offsets[site] &&
-            offset < site_offsets[site] + BLOCK_SPAN) {
-            *reg = offset - site_offsets[site];
-            return site;
-        }
-    }
-    return -1;
-}
+static const struct bt_call null_refusals[] = {
+    {"get stats", LOG_ERR, -1, bt_null_get_stats_wrong_size},
+    {"fatal error detection", LOG_ERR, 0, bt_null_fatal_error_detect},
+};
 
-static void block_store(int site, uint32_t reg, uint32_t value)
-{
-    reg_model_store(model, site_offsets[site] + reg, value);
-}
+/* Part 4.5's fatal error table, in test order. */
+static const struct bt_error_row error_rows[ERROR_ROWS] = {
+    {STATUS0, 24, "VF/DMA QID RAM Double bit ECC Error"},
+    {STATUS0, 23, "Ingress Packet Classification Packet Bus Missing EOP Error"},
+    {STATUS0, 22, "Ingress Packet Classification Packet Bus Missing SOP Error"},
+    {STATUS0, 21, "Response FIFO4 Overflow"},
+    {STATUS0, 20, "Response FIFO4 Underflow"},
+    {STATUS0, 19, "Control FIFO4 Overflow"},
+    {STATUS0, 18, "Control FIFO4 Underflow"},
+    {STATUS0, 17, "Response FIFO3 Overflow"},
+    {STATUS0, 16, "Response FIFO3 Underflow"},
+    {STATUS0, 15, "Control FIFO3 Overflow"},
+    {STATUS0, 14, "Control FIFO3 Underflow"},
+    {STATUS0, 13, "Four Tuple Table Double bit ECC Error"},
+    {STATUS0, 12, "Response FIFO2 Overflow"},
+    {STATUS0, 11, "Response FIFO2 Underflow"},
+    {STATUS0, 10, "Control FIFO2 Overflow"},
+    {STATUS0, 9, "Control FIFO2 Underflow"},
+    {STATUS0, 8, "Six Tuple Table Double bit ECC Error"},
+    {STATUS0, 7, "Response FIFO1 Overflow"},
+    {STATUS0, 6, "Response FIFO1 Underflow"},
+    {STATUS0, 5, "Control FIFO1 Overflow"},
+    {STATUS0, 4, "Control FIFO1 Underflow"},
+    {STATUS0, 3, "Tunnel Table Double bit ECC Error"},
+    {STATUS0, 2, "Control FIFO0 Overflow"},
+    {STATUS0, 1, "Control FIFO0 Underflow"},
+    {STATUS0, 0, "Option Table Double bit ECC Error"},
+    {STATUS0, 30, "In-band Access Action Table Timeout Error"},
+    {STATUS0, 29, "Inband Flow Manager Packet Bus Missing EOP Error"},
+    {STATUS0, 28, "Inband Flow Manager Packet Bus Missing SOP Error"},
+    {STATUS0, 27, "Inband Flow Manager FIFO Overflow"},
+    {STATUS0, 26, "Inband Flow Manager FIFO Underflow"},
+    {STATUS0, 25, "Inband Flow Manager RAM/FIFO Double bit ECC Error"},
+    {STATUS1, 13, "Inband Stat Collection Timeout Error"},
+    {STATUS1, 12, "Inband Stat Manager Packet Bus Missing EOP Error"},
+    {STATUS1, 11, "Inband Stat Manager Packet Bus Missing SOP Error"},
+    {STATUS1, 10, "Inband Stat Manager FIFO Overflow"},
+    {STATUS1, 9, "Inband Stat Manager FIFO Underflow"},
+    {STATUS1, 8, "Inband Stat Manager RAM/FIFO Double bit ECC Error"},
+    {STATUS1, 7,
+     "Time-out Error when reading statitics from hbm and acc_cache"},
+    {STATUS1, 6,
+     "Stat Read Flow Missing Error. Flow id mismatch between read request "
+     "and response from stat table"},
+    {STATUS1, 5, "Stat FIFO Overflow"},
+    {STATUS1, 4, "Stat FIFO Underflow"},
+    {STATUS1, 3, "Stat FIFO Parity Error"},
+    {STATUS1, 2, "Statistics AG RAM Double bit ECC Error"},
+    {STATUS1, 1, "Statistics ACC RAM Double bit ECC Error"},
+    {STATUS1, 0, "Statistics HBM_RL RAM Double bit ECC Error"},
+    {STATUS2, 16, "Key Table (Cache) Double bit ECC Error"},
+    {STATUS2, 15, "Timestamp Table (Cache) Double bit ECC Error"},
+    {STATUS2, 14, "Action Rule Table (Cache) Double bit ECC error"},
+    {STATUS2, 13, "Lookup FIFO Overflow"},
+    {STATUS2, 12, "Lookup FIFO Underflow"},
+    {STATUS2, 11, "Key Pending FIFO Overflow"},
+    {STATUS2, 10, "Key Pending FIFO Underflow"},
+    {STATUS2, 9, "DDR4 Read FIFO Overflow"},
+    {STATUS2, 8, "DDR4 Read FIFO Underflow"},
+    {STATUS2, 7, "Reorder FIFO Overflow"},
+    {STATUS2, 6, "Reorder FIFO Underflow"},
+    {STATUS2, 5, "Insert FIFO Overflow"},
+    {STATUS2, 4, "Reorder FIFO Underflow"},
+    {STATUS2, 3, "Cache Response FIFO Overflow"},
+    {STATUS2, 2, "Cache Response FIFO Underflow"},
+    {STATUS2, 1, "DDR4 Response FIFO Overflow"},
+    {STATUS2, 0, "DDR4 Response FIFO Underflow"},
+};
 
-static volatile void *site_base(int site)
-{
-    return (uint8_t *)model->words + site_offsets[site];
-}
-
-static uint32_t scripted_status(int site, uint32_t reg, uint32_t stored)
-{
-    size_t read = reads_of[site][reg / 4] - 1;
-
-    if (status_script_length == 0 || reg != scripted_status_reg)
-        return stored;
-    if (read >= status_script_length)
-        read = status_script_length - 1;
-    return status_script[read];
-}
-
-static uint32_t hardware_read(struct reg_model *window, uint32_t offset,
-                              uint32_t stored)
-{
-    uint32_t reg;
-    int site = site_of(offset, &reg);
-
-    if (site < 0)
-        return stored;
-    reads_of[site][reg / 4]++;
-    if (is_status_register(reg)) {
-        if (status_read_count < ARRAY_SIZE(status_reads))
-            status_reads[status_read_count++] = reg;
-        return scripted_status(site, reg, stored);
-    }
-    if (is_counter_register(reg))
-        reg_model_store(window, offset, 0);
-    return stored;
-}
-
-static void forget_reads(void)
-{
-    memset(reads_of, 0, sizeof(reads_of));
-    status_read_count = 0;
-}
+static struct reg_model *model;
 
 static void start(lh_device_desc *desc)
 {
-    model = fake_device_start(desc, 1);
-    model->on_read = hardware_read;
-    forget_reads();
-    status_script_length = 0;
+    model = bt_start(&layout, desc);
 }
 
 static int teardown(void **state)
@@ -250,40 +181,11 @@ static int teardown(void **state)
     return fake_device_teardown(state);
 }
 
-static void create(uint32_t pipe)
+static void start_both_pipes(void)
 {
-    assert_int_equal(pkt_class_context_create(pipe, site_base((int)pipe)), 0);
-    expect_logf(LOG_INFO, "Informational - " NAME " module %u context created",
-                pipe);
-}
-
-/* Every operation but context_create fails on `pipe` with "invalid <what>"
- * at severity 2, touching no register. */
-static void expect_refused_everywhere(uint32_t pipe, const char *what)
-{
-    uint64_t stats[COUNTERS];
-    lh_fatal_error_t report = { 0, 0, NULL };
-    unsigned long reads = model->reads;
-    unsigned long writes = model->writes;
-
-    memset(stats, 0xEE, sizeof(stats));
-    pkt_class_update_stats(pipe);
-    expect_logf(LOG_CRIT, "Error - " NAME " update stats - invalid %s %u", what,
-                pipe);
-    assert_int_equal(pkt_class_get_stats(pipe, stats, STATS_BYTES), -1);
-    expect_logf(LOG_CRIT, "Error - " NAME " get stats - invalid %s %u", what,
-                pipe);
-    assert_int_equal(stats[0], 0xEEEEEEEEEEEEEEEE);
-    assert_int_equal(pkt_class_clear_stats(pipe), -1);
-    expect_logf(LOG_CRIT, "Error - " NAME " clear stats - invalid %s %u", what,
-                pipe);
-    assert_int_equal(pkt_class_fatal_error_detect(pipe, &report), 0);
-    expect_logf(LOG_CRIT,
-                "Error - " NAME " fatal error detection - invalid %s %u", what,
-                pipe);
-    assert_null(report.error_text);
-    assert_int_equal(model->reads, reads);
-    assert_int_equal(model->writes, writes);
+    start(&lh_desc_base_two_pipes);
+    bt_create(&pkt_class, 0, 0);
+    bt_create(&pkt_class, 1, 1);
 }
 
 /* ---- Contexts never created before: these run first, in this order. ---- */
@@ -293,13 +195,12 @@ static void test_mutex_failure_leaves_context_invalid(void **state)
     (void)state;
     start(&lh_desc_base_two_pipes);
     mutex_init_fails = true;
-    assert_int_equal(pkt_class_context_create(0, site_base(0)), -1);
+    bt_expect_mutex_failure(&pkt_class, 0, bt_site_base(0));
     mutex_init_fails = false;
-    expect_log(LOG_CRIT, "Error - Ingress Pkt Classifier module context "
-                         "create - mutex init failed");
     assert_int_equal(model->reads, 0);
     assert_int_equal(model->writes, 0);
-    expect_refused_everywhere(0, "context");
+    bt_expect_refusals(&pkt_class, refusals, BT_ARRAY_SIZE(refusals), 0,
+                       "context");
     expect_no_more_logs();
 }
 
@@ -307,11 +208,10 @@ static void test_pipe_1_refused_on_one_pipe_device(void **state)
 {
     (void)state;
     start(&lh_desc_base_one_pipe);
-    assert_int_equal(pkt_class_context_create(1, site_base(1)), -1);
-    expect_log(LOG_CRIT, "Error - Ingress Pkt Classifier module context "
-                         "create - invalid pipe 1");
+    bt_expect_create_refused(&pkt_class, 1, bt_site_base(1));
     assert_int_equal(model->writes, 0);
-    expect_refused_everywhere(1, "context");
+    bt_expect_refusals(&pkt_class, refusals, BT_ARRAY_SIZE(refusals), 1,
+                       "context");
     expect_no_more_logs();
 }
 
@@ -341,30 +241,26 @@ static void test_exact_invalid_context_lines(void **state)
 
 static void test_ops_table_wires_the_operations(void **state)
 {
+    static const struct lh_block_ops expected = {
+        .context_create = pkt_class_context_create,
+        .update_stats = pkt_class_update_stats,
+        .get_stats = pkt_class_get_stats,
+        .clear_stats = pkt_class_clear_stats,
+        .fatal_error_detect = pkt_class_fatal_error_detect,
+    };
+
     (void)state;
-    assert_true(pkt_class_ops.context_create == pkt_class_context_create);
-    assert_true(pkt_class_ops.update_stats == pkt_class_update_stats);
-    assert_true(pkt_class_ops.get_stats == pkt_class_get_stats);
-    assert_true(pkt_class_ops.clear_stats == pkt_class_clear_stats);
-    assert_true(pkt_class_ops.fatal_error_detect ==
-                pkt_class_fatal_error_detect);
-    assert_null(pkt_class_ops.set_interface_state);
-    assert_null(pkt_class_ops.get_interface_state);
-    assert_null(pkt_class_ops.set_loopback);
-    assert_null(pkt_class_ops.get_loopback);
-    assert_null(pkt_class_ops.qos_set_profile);
-    assert_null(pkt_class_ops.qos_get_profile);
-    assert_null(pkt_class_ops.rx_align_monitor);
+    bt_assert_ops(&pkt_class_ops, &expected);
 }
 
 static void test_create_logs_the_created_line(void **state)
 {
     (void)state;
     start(&lh_desc_base_two_pipes);
-    assert_int_equal(pkt_class_context_create(0, site_base(0)), 0);
+    assert_int_equal(pkt_class_context_create(0, bt_site_base(0)), 0);
     expect_log(LOG_INFO, "Informational - Ingress Pkt Classifier module 0 "
                          "context created");
-    assert_int_equal(pkt_class_context_create(1, site_base(1)), 0);
+    assert_int_equal(pkt_class_context_create(1, bt_site_base(1)), 0);
     expect_log(LOG_INFO, "Informational - Ingress Pkt Classifier module 1 "
                          "context created");
     assert_int_equal(model->reads, 0);
@@ -372,21 +268,12 @@ static void test_create_logs_the_created_line(void **state)
     expect_no_more_logs();
 }
 
-static void load_counters(int site, uint32_t poll);
-
 static void test_create_zeroes_the_counters(void **state)
 {
-    uint64_t stats[COUNTERS];
-    static const uint64_t zeros[COUNTERS];
-
     (void)state;
     start(&lh_desc_base_two_pipes);
-    create(0);
-    load_counters(0, 0);
-    pkt_class_update_stats(0);
-    create(0);
-    assert_int_equal(pkt_class_get_stats(0, stats, STATS_BYTES), 0);
-    assert_memory_equal(stats, zeros, sizeof(zeros));
+    bt_create(&pkt_class, 0, 0);
+    bt_check_create_zeroes(&pkt_class, 0, 0);
     expect_no_more_logs();
 }
 
@@ -394,15 +281,7 @@ static void test_create_refusals(void **state)
 {
     (void)state;
     start(&lh_desc_base_two_pipes);
-    assert_int_equal(pkt_class_context_create(2, NULL), -1);
-    expect_log(LOG_ERR,
-               "Null pointer - Ingress Pkt Classifier module context create");
-    assert_int_equal(pkt_class_context_create(0, NULL), -1);
-    expect_log(LOG_ERR,
-               "Null pointer - Ingress Pkt Classifier module context create");
-    assert_int_equal(pkt_class_context_create(2, site_base(0)), -1);
-    expect_log(LOG_CRIT, "Error - Ingress Pkt Classifier module context "
-                         "create - invalid pipe 2");
+    bt_expect_create_refusals(&pkt_class);
     assert_int_equal(model->writes, 0);
     expect_no_more_logs();
 }
@@ -410,70 +289,10 @@ static void test_create_refusals(void **state)
 static void test_create_before_initialisation(void **state)
 {
     (void)state;
-    model = fake_device_start(&lh_desc_base_two_pipes, 0);
-    assert_int_equal(pkt_class_context_create(0, site_base(0)), -1);
-    expect_log(LOG_ERR, "Error - get traffic pipe count failed, - system not "
-                        "initialized");
-    expect_log(LOG_CRIT, "Error - Ingress Pkt Classifier module context "
-                         "create - invalid pipe 0");
-    assert_int_equal(model->writes, 0);
-    expect_no_more_logs();
+    bt_expect_create_before_init(&layout, &pkt_class);
 }
 
 /* ---- Statistics ---- */
-
-/* Distinct in every register, site and poll, so a wrong source, a swapped
- * high and low word, another pipe's block or a second read shows. */
-static uint32_t counter_value(int site, uint32_t reg, uint32_t poll)
-{
-    return (poll + 1) << 28 | (uint32_t)site << 24 | reg << 8 |
-           ((reg & 0xFF) ^ 0xA5);
-}
-
-/* Loads every counter register, and the registers inside the counter
- * ranges' gaps, which are not counters. */
-static void load_counters(int site, uint32_t poll)
-{
-    for (uint32_t reg = 0x04; reg < BLOCK_SPAN; reg += 4)
-        if (!is_status_register(reg))
-            block_store(site, reg, counter_value(site, reg, poll));
-}
-
-static void add_expected(uint64_t *expected, int site, uint32_t poll)
-{
-    for (size_t i = 0; i < COUNTERS; i++) {
-        uint64_t high =
-            counter_sources[i].high == 0
-                ? 0
-                : counter_value(site, counter_sources[i].high, poll);
-
-        expected[i] +=
-            high << 32 | counter_value(site, counter_sources[i].low, poll);
-    }
-}
-
-static void assert_stats(uint32_t pipe, const uint64_t *expected)
-{
-    uint64_t stats[COUNTERS];
-
-    assert_int_equal(pkt_class_get_stats(pipe, stats, STATS_BYTES), 0);
-    for (size_t i = 0; i < COUNTERS; i++)
-        assert_int_equal(stats[i], expected[i]);
-}
-
-/* Each counter register of `site` was read `times`, no other register. */
-static void assert_counter_reads(int site, unsigned long times)
-{
-    unsigned long total = 0;
-
-    for (uint32_t reg = 0; reg < BLOCK_SPAN; reg += 4) {
-        unsigned long expected = is_counter_register(reg) ? times : 0;
-
-        assert_int_equal(reads_of[site][reg / 4], expected);
-        total += reads_of[site][reg / 4];
-    }
-    assert_int_equal(total, COUNTER_REGISTERS * times);
-}
 
 static void test_every_counter_composed_from_its_registers(void **state)
 {
@@ -482,219 +301,105 @@ static void test_every_counter_composed_from_its_registers(void **state)
         size_t index;
         uint64_t value;
     } spot_checks[] = {
-        { 0, 0x1000208510002481 },  { 11, 0x100078DD10007CD9 },
-        { 12, 0x0000000010008025 }, { 22, 0x000000001000A80D },
-        { 23, 0x000000001000F055 }, { 35, 0x0000000010012085 },
-        { 36, 0x0000000010022085 }, { 54, 0x00000000100268CD },
-        { 55, 0x000000001002882D }, { 64, 0x000000001002AC09 },
-        { 65, 0x0000000010072085 }, { 70, 0x0000000010073491 },
+        {0, 0x1000208510002481},  {11, 0x100078DD10007CD9},
+        {12, 0x0000000010008025}, {22, 0x000000001000A80D},
+        {23, 0x000000001000F055}, {35, 0x0000000010012085},
+        {36, 0x0000000010022085}, {54, 0x00000000100268CD},
+        {55, 0x000000001002882D}, {64, 0x000000001002AC09},
+        {65, 0x0000000010072085}, {70, 0x0000000010073491},
     };
-    uint64_t expected[COUNTERS] = { 0 };
+    uint64_t expected[COUNTERS] = {0};
     uint64_t stats[COUNTERS];
 
     (void)state;
     start(&lh_desc_base_two_pipes);
-    create(0);
-    load_counters(0, 0);
-    forget_reads();
-    pkt_class_update_stats(0);
-    assert_counter_reads(0, 1);
-    add_expected(expected, 0, 0);
-    assert_stats(0, expected);
-    assert_int_equal(pkt_class_get_stats(0, stats, STATS_BYTES), 0);
-    for (size_t i = 0; i < ARRAY_SIZE(spot_checks); i++)
+    bt_create(&pkt_class, 0, 0);
+    bt_add_expected(expected, 0, 0);
+    bt_check_composition(&pkt_class, 0, 0, expected, COUNTER_REGISTERS);
+    bt_get_stats(&pkt_class, 0, stats);
+    for (size_t i = 0; i < BT_ARRAY_SIZE(spot_checks); i++)
         assert_int_equal(stats[spot_checks[i].index], spot_checks[i].value);
     expect_no_more_logs();
 }
 
 static void test_counters_accumulate_over_polls(void **state)
 {
-    uint64_t expected[COUNTERS] = { 0 };
-
     (void)state;
     start(&lh_desc_base_two_pipes);
-    create(0);
-    for (uint32_t poll = 0; poll < 3; poll++) {
-        load_counters(0, poll);
-        pkt_class_update_stats(0);
-        add_expected(expected, 0, poll);
-        assert_stats(0, expected);
-    }
-    /* The reads cleared the counters: a poll without traffic adds nothing. */
-    pkt_class_update_stats(0);
-    assert_counter_reads(0, 4);
-    assert_stats(0, expected);
+    bt_create(&pkt_class, 0, 0);
+    bt_check_polls_accumulate(&pkt_class, 0, 0);
+    bt_assert_counter_reads(0, 4, COUNTER_REGISTERS);
     expect_no_more_logs();
 }
 
 static void test_counter_totals_wrap(void **state)
 {
-    uint64_t expected[COUNTERS] = { 0 };
+    static const struct bt_word all_ones[] = {
+        {0x78, 0xFFFFFFFF}, {0x7C, 0xFFFFFFFF}, {0x734, 0xFFFFFFFF}};
+    static const struct bt_total totals[] = {{11, 0xFFFFFFFFFFFFFFFE},
+                                             {70, 0x1FFFFFFFE}};
 
     (void)state;
     start(&lh_desc_base_two_pipes);
-    create(0);
-    expected[11] = 0xFFFFFFFFFFFFFFFE;
-    expected[70] = 0x1FFFFFFFE;
-    for (int poll = 0; poll < 2; poll++) {
-        block_store(0, 0x78, 0xFFFFFFFF);
-        block_store(0, 0x7C, 0xFFFFFFFF);
-        block_store(0, 0x734, 0xFFFFFFFF);
-        pkt_class_update_stats(0);
-    }
-    assert_stats(0, expected);
+    bt_create(&pkt_class, 0, 0);
+    bt_check_totals(&pkt_class, 0, 0, all_ones, BT_ARRAY_SIZE(all_ones), totals,
+                    BT_ARRAY_SIZE(totals));
     expect_no_more_logs();
 }
 
 static void test_clear_then_get_yields_zeros(void **state)
 {
-    static const uint64_t zeros[COUNTERS];
-    uint64_t expected[COUNTERS] = { 0 };
-    unsigned long reads, writes;
-
     (void)state;
     start(&lh_desc_base_two_pipes);
-    create(0);
-    load_counters(0, 0);
-    pkt_class_update_stats(0);
-    load_counters(0, 1);
-    reads = model->reads;
-    writes = model->writes;
-    assert_int_equal(pkt_class_clear_stats(0), 0);
-    assert_int_equal(model->reads, reads);
-    assert_int_equal(model->writes, writes);
-    assert_stats(0, zeros);
-    /* The counts still in the hardware are not lost. */
-    pkt_class_update_stats(0);
-    add_expected(expected, 0, 1);
-    assert_stats(0, expected);
+    bt_create(&pkt_class, 0, 0);
+    bt_check_clear(&pkt_class, 0, 0);
     expect_no_more_logs();
 }
 
 static void test_get_stats_wants_exactly_568_bytes(void **state)
 {
-    static const uint64_t sizes[] = { 560, 576, 567, 569, 0 };
-    uint8_t buffer[584];
-    uint8_t untouched[584];
+    static const uint64_t sizes[] = {560, 576, 567, 569, 0};
+    uint8_t record[STATS_BYTES];
+    uint8_t untouched[8];
 
     (void)state;
     start(&lh_desc_base_two_pipes);
-    create(0);
+    bt_create(&pkt_class, 0, 0);
     load_counters(0, 0);
     pkt_class_update_stats(0);
+    bt_expect_wrong_sizes(&pkt_class, 0, sizes, BT_ARRAY_SIZE(sizes));
     memset(untouched, 0xEE, sizeof(untouched));
-    for (size_t i = 0; i < ARRAY_SIZE(sizes); i++) {
-        memcpy(buffer, untouched, sizeof(buffer));
-        assert_int_equal(pkt_class_get_stats(0, buffer, sizes[i]), -1);
-        expect_logf(LOG_ERR,
-                    "Error - " NAME " get stats failed, unexpected memory "
-                    "size %lu",
-                    (unsigned long)sizes[i]);
-        assert_memory_equal(buffer, untouched, sizeof(buffer));
-    }
-    assert_int_equal(pkt_class_get_stats(0, buffer, STATS_BYTES), 0);
-    assert_memory_not_equal(buffer + STATS_BYTES - 8,
-                            untouched + STATS_BYTES - 8, 8);
-    assert_memory_equal(buffer + STATS_BYTES, untouched + STATS_BYTES,
-                        sizeof(buffer) - STATS_BYTES);
+    bt_get_stats(&pkt_class, 0, record);
+    assert_memory_not_equal(record + STATS_BYTES - 8, untouched, 8);
     expect_no_more_logs();
 }
 
 static void test_pipes_keep_their_own_counters(void **state)
 {
-    uint64_t expected0[COUNTERS] = { 0 };
-    uint64_t expected1[COUNTERS] = { 0 };
-
     (void)state;
-    start(&lh_desc_base_two_pipes);
-    create(0);
-    create(1);
-    load_counters(0, 0);
-    load_counters(1, 2);
-    pkt_class_update_stats(0);
-    pkt_class_update_stats(1);
-    add_expected(expected0, 0, 0);
-    add_expected(expected1, 1, 2);
-    assert_stats(0, expected0);
-    assert_stats(1, expected1);
-    assert_int_equal(pkt_class_clear_stats(1), 0);
-    memset(expected1, 0, sizeof(expected1));
-    assert_stats(0, expected0);
-    assert_stats(1, expected1);
+    start_both_pipes();
+    bt_check_pipes_apart(&pkt_class, 2);
     expect_no_more_logs();
 }
 
 /* ---- Fatal error detection ---- */
 
-static void store_statuses(int site, uint32_t status0, uint32_t status1,
-                           uint32_t status2)
-{
-    block_store(site, STATUS0, status0);
-    block_store(site, STATUS1, status1);
-    block_store(site, STATUS2, status2);
-}
-
-static void expect_fatal(uint32_t pipe, const char *text)
-{
-    lh_fatal_error_t report = { 77, 88, NULL };
-
-    assert_int_equal(pkt_class_fatal_error_detect(pipe, &report), 1);
-    assert_string_equal(report.error_text, text);
-    assert_int_equal(report.module_id, 77);
-    assert_int_equal(report.pipe, 88);
-    expect_logf(LOG_CRIT, "FATAL - " NAME " pipe %u: %s", pipe, text);
-}
-
 static void expect_fatal_from(uint32_t status0, uint32_t status1,
                               uint32_t status2, const char *text)
 {
-    store_statuses(0, status0, status1, status2);
-    expect_fatal(0, text);
-}
-
-static void start_both_pipes(void)
-{
-    start(&lh_desc_base_two_pipes);
-    create(0);
-    create(1);
-}
-
-/* Rows up to `row` were tested on `site`: each read its register once. */
-static void assert_reads_through_row(int site, size_t row)
-{
-    unsigned long expected[3] = { 0, 0, 0 };
-
-    for (size_t i = 0; i <= row; i++)
-        expected[error_rows[i].reg == STATUS0   ? 0
-                 : error_rows[i].reg == STATUS1 ? 1
-                                                : 2]++;
-    assert_int_equal(reads_of[site][STATUS0 / 4], expected[0]);
-    assert_int_equal(reads_of[site][STATUS1 / 4], expected[1]);
-    assert_int_equal(reads_of[site][STATUS2 / 4], expected[2]);
+    bt_set_statuses(0, status0, status1, status2);
+    bt_expect_fatal(&pkt_class, 0, text);
 }
 
 static void test_each_error_bit_alone_reports_its_text(void **state)
 {
-    unsigned long writes;
-
     (void)state;
     start_both_pipes();
-    writes = model->writes;
-    for (size_t i = 0; i < ERROR_ROWS; i++) {
-        for (uint32_t pipe = 0; pipe < 2; pipe++) {
-            int site = (int)pipe;
-
-            store_statuses(site, 0, 0, 0);
-            block_store(site, error_rows[i].reg, 1u << error_rows[i].bit);
-            forget_reads();
-            expect_fatal(pipe, error_rows[i].text);
-            /* The walk stopped at this row: the two rows of "Reorder FIFO
-             * Underflow" are told apart by their reads. */
-            assert_reads_through_row(site, i);
-        }
-    }
-    /* The status registers are only ever read. */
-    assert_int_equal(model->writes, writes);
+    /* Each walk stops at its row: the two rows of "Reorder FIFO
+     * Underflow" are told apart by their reads. The status registers are
+     * only ever read. */
+    bt_walk_error_rows(&pkt_class, 0, 0, error_rows, ERROR_ROWS);
+    bt_walk_error_rows(&pkt_class, 1, 1, error_rows, ERROR_ROWS);
     expect_no_more_logs();
 }
 
@@ -719,9 +424,9 @@ static void test_first_set_bit_wins(void **state)
                       "Key Table (Cache) Double bit ECC Error");
     expect_fatal_from(0, 0, 1u << 5 | 1u << 4, "Insert FIFO Overflow");
     expect_fatal_from(0, 0, 1u << 4 | 1u << 3, "Reorder FIFO Underflow");
-    expect_fatal_from(0, 1u << 7 | 1u << 6,
-                      0, "Time-out Error when reading statitics from hbm and "
-                         "acc_cache");
+    expect_fatal_from(0, 1u << 7 | 1u << 6, 0,
+                      "Time-out Error when reading statitics from hbm and "
+                      "acc_cache");
     expect_no_more_logs();
 }
 
@@ -736,16 +441,14 @@ static void test_status2_bit_4_reports_reorder_underflow(void **state)
 static void expect_no_fatal(uint32_t status0, uint32_t status1,
                             uint32_t status2)
 {
-    lh_fatal_error_t report = { 0, 0, "untouched" };
     unsigned long writes = model->writes;
 
-    store_statuses(0, status0, status1, status2);
-    forget_reads();
-    assert_int_equal(pkt_class_fatal_error_detect(0, &report), 0);
-    assert_string_equal(report.error_text, "untouched");
-    assert_int_equal(reads_of[0][STATUS0 / 4], STATUS0_ROWS);
-    assert_int_equal(reads_of[0][STATUS1 / 4], STATUS1_ROWS);
-    assert_int_equal(reads_of[0][STATUS2 / 4], STATUS2_ROWS);
+    bt_set_statuses(0, status0, status1, status2);
+    bt_forget_reads();
+    bt_expect_no_fatal(&pkt_class, 0);
+    assert_int_equal(bt_reads(0, STATUS0), STATUS0_ROWS);
+    assert_int_equal(bt_reads(0, STATUS1), STATUS1_ROWS);
+    assert_int_equal(bt_reads(0, STATUS2), STATUS2_ROWS);
     assert_int_equal(model->writes, writes);
 }
 
@@ -765,54 +468,47 @@ static void test_unlisted_bits_report_nothing(void **state)
 
 static void test_status_registers_read_in_table_order(void **state)
 {
-    lh_fatal_error_t report = { 0, 0, NULL };
+    uint32_t table_order[ERROR_ROWS];
 
     (void)state;
     start_both_pipes();
-    store_statuses(0, 0, 0, 0);
-    forget_reads();
-    assert_int_equal(pkt_class_fatal_error_detect(0, &report), 0);
-    assert_int_equal(status_read_count, ERROR_ROWS);
     for (size_t i = 0; i < ERROR_ROWS; i++)
-        assert_int_equal(status_reads[i], error_rows[i].reg);
+        table_order[i] = error_rows[i].reg;
+    bt_set_statuses(0, 0, 0, 0);
+    bt_forget_reads();
+    bt_expect_no_fatal(&pkt_class, 0);
+    bt_assert_status_trace(0, table_order, ERROR_ROWS);
     expect_no_more_logs();
-}
-
-static void run_status_script(uint32_t reg, const uint32_t *script,
-                              size_t length)
-{
-    scripted_status_reg = reg;
-    memcpy(status_script, script, length * sizeof(*script));
-    status_script_length = length;
-    forget_reads();
 }
 
 static void test_status_is_read_again_for_every_row(void **state)
 {
     /* Status 1 bit 0 only at its 14th read, the row of bit 0. */
-    static const uint32_t late[] = { 0, 0, 0, 0, 0, 0, 0,
-                                     0, 0, 0, 0, 0, 0, 1u << 0 };
+    static const uint32_t late[] = {0, 0, 0, 0, 0, 0, 0,
+                                    0, 0, 0, 0, 0, 0, 1u << 0};
     /* Status 0 bit 0 at the first read only: gone when its row reads. */
-    static const uint32_t gone[] = { 1u << 0, 0 };
+    static const uint32_t gone[] = {1u << 0, 0};
     /* Status 2 bits 16 and 15 from the second read on. */
-    static const uint32_t second[] = { 0, 1u << 16 | 1u << 15 };
-    lh_fatal_error_t report = { 0, 0, NULL };
+    static const uint32_t second[] = {0, 1u << 16 | 1u << 15};
+    lh_fatal_error_t report = {0, 0, NULL};
 
     (void)state;
     start_both_pipes();
-    store_statuses(0, 0, 0, 0);
-    run_status_script(STATUS1, late, ARRAY_SIZE(late));
-    expect_fatal(0, "Statistics HBM_RL RAM Double bit ECC Error");
-    assert_int_equal(reads_of[0][STATUS1 / 4], STATUS1_ROWS);
-    assert_int_equal(reads_of[0][STATUS2 / 4], 0);
+    bt_set_statuses(0, 0, 0, 0);
+    bt_script(STATUS1, late, BT_ARRAY_SIZE(late));
+    bt_expect_fatal(&pkt_class, 0,
+                    "Statistics HBM_RL RAM Double bit ECC Error");
+    assert_int_equal(bt_reads(0, STATUS1), STATUS1_ROWS);
+    assert_int_equal(bt_reads(0, STATUS2), 0);
 
-    run_status_script(STATUS0, gone, ARRAY_SIZE(gone));
+    bt_script(STATUS0, gone, BT_ARRAY_SIZE(gone));
     assert_int_equal(pkt_class_fatal_error_detect(0, &report), 0);
     assert_null(report.error_text);
 
-    run_status_script(STATUS2, second, ARRAY_SIZE(second));
-    expect_fatal(0, "Timestamp Table (Cache) Double bit ECC Error");
-    assert_int_equal(reads_of[0][STATUS2 / 4], 2);
+    bt_script(STATUS2, second, BT_ARRAY_SIZE(second));
+    bt_expect_fatal(&pkt_class, 0,
+                    "Timestamp Table (Cache) Double bit ECC Error");
+    assert_int_equal(bt_reads(0, STATUS2), 2);
     expect_no_more_logs();
 }
 
@@ -822,11 +518,8 @@ static void test_null_pointers_come_first(void **state)
 {
     (void)state;
     start(&lh_desc_base_two_pipes);
-    assert_int_equal(pkt_class_get_stats(2, NULL, 1), -1);
-    expect_log(LOG_ERR, "Null pointer - Ingress Pkt Classifier get stats");
-    assert_int_equal(pkt_class_fatal_error_detect(2, NULL), 0);
-    expect_log(LOG_ERR,
-               "Null pointer - Ingress Pkt Classifier fatal error detection");
+    bt_expect_null_refusals(&pkt_class, null_refusals,
+                            BT_ARRAY_SIZE(null_refusals), 2);
     expect_no_more_logs();
 }
 
@@ -834,7 +527,8 @@ static void test_invalid_pipe_refused_by_every_operation(void **state)
 {
     (void)state;
     start_both_pipes();
-    expect_refused_everywhere(2, "pipe");
+    bt_expect_refusals(&pkt_class, refusals, BT_ARRAY_SIZE(refusals), 2,
+                       "pipe");
     expect_no_more_logs();
 }
 
@@ -863,8 +557,6 @@ static void test_exact_invalid_pipe_lines(void **state)
 int main(void)
 {
 #define T(name) cmocka_unit_test_teardown(name, teardown)
-    /* Contexts are static and never cleared, so the cases that need a
-     * context nobody has created run first, in this order. */
     const struct CMUnitTest never_created[] = {
         T(test_mutex_failure_leaves_context_invalid),
         T(test_pipe_1_refused_on_one_pipe_device),
@@ -892,15 +584,8 @@ int main(void)
         T(test_invalid_pipe_refused_by_every_operation),
         T(test_exact_invalid_pipe_lines),
     };
-    int failed;
 
-    if (enter_private_tmp() != 0)
-        return 1;
     if (build_counter_sources() != COUNTERS)
         return 1;
-    failed = cmocka_run_group_tests_name("never created contexts",
-                                         never_created, NULL, NULL);
-    failed += cmocka_run_group_tests_name("ingress packet classifier", tests,
-                                          NULL, NULL);
-    return failed;
+    return BT_RUN_GROUPS("ingress packet classifier", never_created, tests);
 }
