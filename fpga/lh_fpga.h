@@ -4,6 +4,10 @@
 
 #include <stdint.h>
 
+#ifdef __cplusplus
+extern "C" {
+#endif
+
 /* Module ids (Part 2.3). */
 typedef uint32_t lh_module_t;
 enum {
@@ -81,5 +85,9 @@ uint32_t lh_get_traffic_pipe_count(void);
 uint32_t lh_get_max_queue_id(void);
 int lh_get_module_list(const lh_module_entry **list_out);
 int lh_get_module_state(lh_module_entry entry, uint8_t *state_out);
+
+#ifdef __cplusplus
+}
+#endif
 
 #endif

@@ -15,8 +15,13 @@
 #ifndef PLAT_IPC_H
 #define PLAT_IPC_H
 
+#include <assert.h>
 #include <stddef.h>
 #include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
 
 #define IPC_SOCK_SERVER 2
 
@@ -47,16 +52,16 @@ typedef struct ipc_msg {
     void *payload; /* heap bytes, or null when payload_len is 0 */
 } ipc_msg_t;
 
-_Static_assert(sizeof(ipc_msg_t) == IPC_MSG_HEADER_SIZE, "record is 32 bytes");
-_Static_assert(offsetof(ipc_msg_t, addr0) == 0, "addr0 at 0");
-_Static_assert(offsetof(ipc_msg_t, addr1) == 4, "addr1 at 4");
-_Static_assert(offsetof(ipc_msg_t, op_id) == 8, "op_id at 8");
-_Static_assert(offsetof(ipc_msg_t, aux_byte) == 12, "aux_byte at 12");
-_Static_assert(offsetof(ipc_msg_t, msg_type) == 13, "msg_type at 13");
-_Static_assert(offsetof(ipc_msg_t, reserved) == 14, "reserved at 14");
-_Static_assert(offsetof(ipc_msg_t, payload_len) == 16, "payload_len at 16");
-_Static_assert(offsetof(ipc_msg_t, padding) == 20, "padding at 20");
-_Static_assert(offsetof(ipc_msg_t, payload) == 24, "payload at 24");
+static_assert(sizeof(ipc_msg_t) == IPC_MSG_HEADER_SIZE, "record is 32 bytes");
+static_assert(offsetof(ipc_msg_t, addr0) == 0, "addr0 at 0");
+static_assert(offsetof(ipc_msg_t, addr1) == 4, "addr1 at 4");
+static_assert(offsetof(ipc_msg_t, op_id) == 8, "op_id at 8");
+static_assert(offsetof(ipc_msg_t, aux_byte) == 12, "aux_byte at 12");
+static_assert(offsetof(ipc_msg_t, msg_type) == 13, "msg_type at 13");
+static_assert(offsetof(ipc_msg_t, reserved) == 14, "reserved at 14");
+static_assert(offsetof(ipc_msg_t, payload_len) == 16, "payload_len at 16");
+static_assert(offsetof(ipc_msg_t, padding) == 20, "padding at 20");
+static_assert(offsetof(ipc_msg_t, payload) == 24, "payload at 24");
 
 typedef void (*ipc_recv_cb)(void *unused, ipc_msg_t *msg);
 
@@ -135,5 +140,9 @@ int ipc_client_send(struct ipc_client *c, const ipc_msg_t *msg);
 int ipc_client_recv(struct ipc_client *c, ipc_msg_t *msg, int timeout_ms);
 
 void ipc_client_close(struct ipc_client *c);
+
+#ifdef __cplusplus
+}
+#endif
 
 #endif

@@ -1,0 +1,26 @@
+#include "ipc_msg.hpp"
+
+/* Indexed by error code; codes begin at 1. */
+static const char *const error_texts[] = {
+    nullptr,
+    "INVALID LENGTH",
+    "NULL PAYLOAD",
+    "READ FAILED",
+    "WRITE FAILED",
+    "LOOPBACK FAILED",
+    "GET STATS FAILED",
+    "CLEAR STATS FAILED",
+    "GET MODULE LIST FAILED",
+    "SET PIPE FAILED",
+    "GET PIPE FAILED",
+    "SET INGR QOS FAILED",
+    "GET INGR QOS FAILED",
+};
+
+const char *plm_ipc_error_str(uint32_t code)
+{
+    if (code >= sizeof(error_texts) / sizeof(error_texts[0]) ||
+        error_texts[code] == NULL)
+        return "--";
+    return error_texts[code];
+}

@@ -1,0 +1,31 @@
+/* The IPC server (Part 1.5): the thread that owns the daemon's IPC
+ * context, the receive callback, the request length check and the senders
+ * of replies and error replies. */
+#ifndef PLM_IPC_SERVER_H
+#define PLM_IPC_SERVER_H
+
+#include <stdbool.h>
+#include <stdint.h>
+
+#include "ipc_msg.hpp"
+
+/* The daemon's IPC context, written once by the IPC thread. */
+extern uint64_t plm_ipc_context;
+
+int plm_ipc_server_init(void);
+void *plm_ipc_server_thread(void *arg);
+void plm_ipc_server_callback(void *unused, plm_ipc_msg *msg);
+
+/* True when the request's length is exactly `expected_len` and it has a
+ * payload; otherwise the error reply has been sent (codes 1, 2). */
+bool plm_ipc_check_recv_length(plm_ipc_msg *msg, uint32_t expected_len);
+
+/* Answers `msg` with an error reply carrying `code`. */
+void plm_send_error_msg(plm_ipc_msg *msg, uint32_t code);
+
+/* Answers `request` with `payload` (heap, taken over; null when `length`
+ * is 0). */
+void plm_send_reply(const plm_ipc_msg *request, void *payload,
+                    uint32_t length);
+
+#endif

@@ -1,0 +1,8 @@
+/* pellin_mgr: brings up and supervises the Larks Hollow FPGA. The command
+ * line is ignored (Part 1.1). */
+#include "pellin_mgr.hpp"
+
+int main(void)
+{
+    return plm_main();
+}

@@ -1,0 +1,61 @@
+/* The block operations of Part 2.3 and the one table that wires each
+ * module id to its driver, its image and its register offsets. */
+#ifndef LH_BLOCK_OPS_H
+#define LH_BLOCK_OPS_H
+
+#include <stdbool.h>
+#include <stdint.h>
+
+#include "lh_block.hpp"
+#include "lh_fpga.h"
+
+struct lh_block_desc;
+
+struct lh_block_ops {
+    const struct lh_block_desc *desc = nullptr; /* the block's tables and name */
+    int (*context_create)(uint32_t pipe, volatile void *regs) = nullptr;
+    int (*set_interface_state)(uint32_t pipe, uint8_t state) = nullptr;
+    int (*get_interface_state)(uint32_t pipe, uint8_t *state) = nullptr;
+    int (*set_loopback)(uint32_t type, uint32_t pipe) = nullptr;
+    int (*get_loopback)(uint32_t *mask, uint32_t pipe) = nullptr;
+    void (*update_stats)(uint32_t pipe) = nullptr;
+    int (*get_stats)(uint32_t pipe, void *buffer, uint64_t size) = nullptr;
+    int (*clear_stats)(uint32_t pipe) = nullptr;
+    int (*fatal_error_detect)(uint32_t pipe, lh_fatal_error_t *report) = nullptr;
+    int (*qos_set_profile)(uint32_t pipe, lh_qos_profile_t qos) = nullptr;
+    int (*qos_get_profile)(uint32_t pipe, lh_qos_profile_t *qos) = nullptr;
+    void (*rx_align_monitor)(uint32_t pipe) = nullptr;
+};
+
+struct lh_block_site {
+    uint32_t device_type; /* the image that carries the block */
+    bool per_pipe;        /* one instance per pipe, at offsets[pipe] */
+    uint32_t offsets[LH_MAX_PIPES]; /* from the window base */
+    const struct lh_block_ops *ops; /* null: no driver */
+};
+
+/* The site of a module id, or null for an id above 14. */
+const struct lh_block_site *lh_block_site(uint32_t module_id);
+
+/* The operations of a module id, or null (no such id, or no driver). */
+const struct lh_block_ops *lh_block_ops_of(uint32_t module_id);
+
+/* What a block looks like to a tool (the simulated board, the client):
+ * where it sits, its fatal-error table and its statistics counters, all
+ * read from the driver's own tables. */
+struct lh_block_layout {
+    const char *name; /* display name, "CAUI" */
+    uint32_t device_type;
+    bool per_pipe;
+    uint32_t offsets[LH_MAX_PIPES];
+    const struct lh_error_bit *errors;
+    size_t error_count;
+    const struct lh_counter_source *counters;
+    size_t counter_count;
+    size_t stats_size; /* bytes of the statistics record, 0 for none */
+};
+
+/* The layout of a module id: 0, or -1 for an id without a driver. */
+int lh_block_layout_of(uint32_t module_id, struct lh_block_layout *out);
+
+#endif

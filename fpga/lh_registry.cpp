@@ -1,0 +1,127 @@
+/* Module ids and names, device descriptors, module state and the registry
+ * queries of the public API (Part 2.3). */
+#include <stddef.h>
+
+#include "lh_check.hpp"
+
+const char *const lh_module_names[LH_MOD_COUNT + 1] = {
+    "global",
+    "pcie",
+    "ddr4",
+    "caui",
+    "nic",
+    "ingress-pkt-parser",
+    "ingress-pkt-classifier",
+    "ingress-pkt-processor",
+    "egress-scheduler",
+    "lhx-global",
+    "lhx-pcie",
+    "eth",
+    "lhx-nic",
+    "lhx-ingress-pkt-parser",
+    "lhx-egress-scheduler",
+    NULL,
+};
+
+static const lh_module_entry lhx_modules[] = {
+    { LH_MOD_LHX_GLOBAL, 0 }, { LH_MOD_LHX_PCIE, 0 }, { LH_MOD_ETH, 0 },
+    { LH_MOD_LHX_NIC, 0 }, { LH_MOD_LHX_INGRESS_PKT_PARSER, 0 },
+    { LH_MOD_LHX_EGRESS_SCHEDULER, 0 }, { LH_MOD_END, 0 },
+};
+
+/* Global and PCIe exist once; every other block once per pipe, pipe 0
+ * first. */
+static const lh_module_entry base_two_pipe_modules[] = {
+    { LH_MOD_GLOBAL, 0 }, { LH_MOD_PCIE, 0 },
+    { LH_MOD_DDR4, 0 }, { LH_MOD_DDR4, 1 },
+    { LH_MOD_CAUI, 0 }, { LH_MOD_CAUI, 1 },
+    { LH_MOD_NIC, 0 }, { LH_MOD_NIC, 1 },
+    { LH_MOD_INGRESS_PKT_PARSER, 0 }, { LH_MOD_INGRESS_PKT_PARSER, 1 },
+    { LH_MOD_INGRESS_PKT_CLASSIFIER, 0 },
+    { LH_MOD_INGRESS_PKT_CLASSIFIER, 1 },
+    { LH_MOD_INGRESS_PKT_PROCESSOR, 0 }, { LH_MOD_INGRESS_PKT_PROCESSOR, 1 },
+    { LH_MOD_EGRESS_SCHEDULER, 0 }, { LH_MOD_EGRESS_SCHEDULER, 1 },
+    { LH_MOD_END, 0 },
+};
+
+static const lh_module_entry base_one_pipe_modules[] = {
+    { LH_MOD_GLOBAL, 0 }, { LH_MOD_PCIE, 0 }, { LH_MOD_DDR4, 0 },
+    { LH_MOD_CAUI, 0 }, { LH_MOD_NIC, 0 }, { LH_MOD_INGRESS_PKT_PARSER, 0 },
+    { LH_MOD_INGRESS_PKT_CLASSIFIER, 0 }, { LH_MOD_INGRESS_PKT_PROCESSOR, 0 },
+    { LH_MOD_EGRESS_SCHEDULER, 0 }, { LH_MOD_END, 0 },
+};
+
+#define LH_VENDOR_ID 0x1c7a
+#define LH_QOS_PROFILE_COUNT 0x80
+
+#define LH_DESCRIPTOR(type, device_id, subdevice_id, bar_index, size, pipes, \
+                      queues, modules)                                      \
+    {                                                                       \
+        .device_type = (type),                                              \
+        .name = "Control Status",                                           \
+        .match = { LH_VENDOR_ID, (device_id), PCI_MATCH_ANY,                \
+                   (subdevice_id), 0, 0, 0 },                               \
+        .bar = (bar_index),                                                 \
+        .window_size = (size),                                              \
+        .traffic_pipe_count = (pipes),                                      \
+        .max_queue_id = (queues),                                           \
+        .qos_profile_count = LH_QOS_PROFILE_COUNT,                          \
+        .module_list = (modules),                                           \
+    }
+
+lh_device_desc lh_desc_lhx =
+    LH_DESCRIPTOR(LH_DEV_TYPE_LHX, 0x01D9, PCI_MATCH_ANY, 2, 0x19800, 1,
+                  0x80, lhx_modules);
+lh_device_desc lh_desc_base_two_pipes =
+    LH_DESCRIPTOR(LH_DEV_TYPE_BASE, 0x01D7, 0x01D7, 0, 0x2A100, 2, 0xFF,
+                  base_two_pipe_modules);
+lh_device_desc lh_desc_base_one_pipe =
+    LH_DESCRIPTOR(LH_DEV_TYPE_BASE, 0x01D7, 0x01D7, 0, 0x2A100, 1, 0xFF,
+                  base_one_pipe_modules);
+
+std::atomic<uint8_t> lh_initialized;
+std::atomic<uint8_t> lh_module_state[LH_MOD_COUNT][LH_MAX_PIPES];
+
+uint32_t lh_get_traffic_pipe_count(void)
+{
+    lh_device_desc *desc;
+
+    LH_REQUIRE_INITIALIZED("get traffic pipe count failed", 0);
+    desc = lh_csr_device();
+    return desc == NULL ? 0 : desc->traffic_pipe_count;
+}
+
+uint32_t lh_get_max_queue_id(void)
+{
+    lh_device_desc *desc;
+
+    LH_REQUIRE_INITIALIZED("get max queue id supported failed", 0);
+    desc = lh_csr_device();
+    return desc == NULL ? 0 : desc->max_queue_id;
+}
+
+int lh_get_module_list(const lh_module_entry **list_out)
+{
+    lh_device_desc *desc;
+
+    LH_REQUIRE_INITIALIZED("get module list", -1);
+    LH_REQUIRE_POINTER(list_out, "get module list", -1);
+    desc = lh_csr_device();
+    if (desc == NULL)
+        return -1;
+    *list_out = desc->module_list;
+    return 0;
+}
+
+int lh_get_module_state(lh_module_entry entry, uint8_t *state_out)
+{
+    LH_REQUIRE_INITIALIZED("get module state", -1);
+    LH_REQUIRE_POINTER(state_out, "get module state", -1);
+    if (entry.module_id >= LH_MOD_COUNT || entry.pipe >= LH_MAX_PIPES) {
+        lh_log(LOG_ERR, "%s - get module state - invalid module/pipe (%d/%d)",
+               LH_TAG(ERROR), entry.module_id, entry.pipe);
+        return -1;
+    }
+    *state_out = lh_module_state[entry.module_id][entry.pipe].load(std::memory_order_relaxed);
+    return 0;
+}
