@@ -1,4 +1,4 @@
-/* Logging of the FPGA access library (Part 1.2): ident "larks-hollow-fpga",
+/* Logging of the FPGA access library: ident "larks-hollow-fpga",
  * stamp "%Y %b %d %X LH FPGA", tag texts of lh_status_str. */
 #ifndef LH_LOG_H
 #define LH_LOG_H

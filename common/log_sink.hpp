@@ -1,4 +1,4 @@
-/* The two sinks of every message (Part 1.2): the platform syslog wrapper and
+/* The two sinks of every message: the platform syslog wrapper and
  * the component's log file, "<timestamp>: <message>\n", flushed at once. */
 #ifndef LOG_SINK_H
 #define LOG_SINK_H
@@ -32,8 +32,8 @@ void log_sink_write_line(struct log_sink *sink, const char *format, ...)
     __attribute__((format(printf, 2, 3)));
 
 /* One message to both sinks. The format is the syslog form; the file line
- * adds the newline. The arguments are evaluated once per sink, as Part 1.2
- * describes for the tag text. */
+ * adds the newline. The arguments are evaluated once per sink: each sink
+ * looks the tag text up itself. */
 #define LOG_SINK_EMIT(sink, severity, format, ...)                            \
     do {                                                                      \
         plat_syslog((severity), (sink)->ident, 0, format, ##__VA_ARGS__);     \

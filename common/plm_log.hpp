@@ -1,4 +1,4 @@
-/* Logging of the manager daemon (Part 1.2): ident "Pellin Manager",
+/* Logging of the manager daemon: ident "Pellin Manager",
  * stamp "%Y %b %d %X PELLIN MGR", tag texts of plm_status_str. */
 #ifndef PLM_LOG_H
 #define PLM_LOG_H

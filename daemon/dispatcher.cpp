@@ -1,4 +1,4 @@
-/* The request dispatcher (Part 1.6). Each operation is one row of the op
+/* The request dispatcher. Each operation is one row of the op
  * table: its checked request length and its handler. A handler ends in one
  * reply or one error reply, or, when its reply cannot be allocated, in a
  * log line only. */
@@ -18,11 +18,12 @@
 #define PIPE_ENTRY_SIZE 8
 #define STATS_HEADER_SIZE 16
 
-/* The two cached module lists of Part 1.6, fetched on first use. */
+/* The two cached module lists (one for checks, one for replies), fetched
+ * on first use. */
 static const lh_module_entry *module_list_for_checks;
 static const lh_module_entry *module_list_for_replies;
 
-/* Statistics record size by module id; 0: no statistics (Part 1.4). */
+/* Statistics record size by module id; 0: no statistics. */
 static constexpr auto stats_sizes = [] {
     std::array<uint32_t, LH_MOD_COUNT> sizes{};
     sizes[LH_MOD_PCIE] = 16;
@@ -154,7 +155,7 @@ bool plm_module_pipe_valid(uint32_t module_id, uint32_t pipe)
 }
 
 /* The module/pipe check of both statistics ops; clear stats keeps the get
- * stats message (Part 1.6). */
+ * stats message. */
 static bool stats_target_valid(plm_ipc_msg *msg)
 {
     uint32_t module_id = request_word(msg, 0), pipe = request_word(msg, 1);
@@ -273,7 +274,7 @@ static void set_pipe(plm_ipc_msg *msg)
     plm_send_reply(msg, payload, 8);
 }
 
-/* The whole list or only the error: no partial reply (Part 1.6). */
+/* The whole list or only the error: no partial reply. */
 static void get_pipe(plm_ipc_msg *msg)
 {
     uint32_t count = lh_get_traffic_pipe_count();

@@ -1,4 +1,4 @@
-/* The request dispatcher (Part 1.6): one accepted request, one library
+/* The request dispatcher: one accepted request, one library
  * call, one reply or error reply. */
 #ifndef PLM_DISPATCHER_H
 #define PLM_DISPATCHER_H

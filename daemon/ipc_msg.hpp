@@ -1,4 +1,4 @@
-/* The IPC message format of the daemon (Part 1.4): the record, the
+/* The IPC message format of the daemon: the record, the
  * operation ids, the error codes and their texts. */
 #ifndef PLM_IPC_MSG_H
 #define PLM_IPC_MSG_H

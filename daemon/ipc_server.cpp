@@ -1,4 +1,4 @@
-/* The IPC server (Part 1.5). */
+/* The IPC server. */
 #include "ipc_server.hpp"
 
 #include <pthread.h>

@@ -1,4 +1,4 @@
-/* The IPC server (Part 1.5): the thread that owns the daemon's IPC
+/* The IPC server: the thread that owns the daemon's IPC
  * context, the receive callback, the request length check and the senders
  * of replies and error replies. */
 #ifndef PLM_IPC_SERVER_H

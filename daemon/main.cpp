@@ -1,5 +1,5 @@
 /* pellin_mgr: brings up and supervises the Larks Hollow FPGA. The command
- * line is ignored (Part 1.1). */
+ * line is ignored. */
 #include "pellin_mgr.hpp"
 
 int main(void)

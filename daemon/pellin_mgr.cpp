@@ -1,4 +1,4 @@
-/* Daemon start-up and supervision (Part 1.1). */
+/* Daemon start-up and supervision. */
 #include "pellin_mgr.hpp"
 
 #include <stdlib.h>
@@ -13,7 +13,7 @@
 #include "thread_monitor.hpp"
 
 /* Board type 4 or 5; the type is read a second time for the second value,
- * as Part 1.1 does. */
+ * as the shipped daemon does. */
 static int board_is_served(void)
 {
     return get_platform_board_type() == 4 || get_platform_board_type() == 5;
@@ -21,7 +21,7 @@ static int board_is_served(void)
 
 static void take_service_down(void)
 {
-    /* The result is not looked at (Part 1.1). */
+    /* The result is not looked at. */
     int ignored = system(PLM_SERVICE_DOWN_COMMAND);
     (void)ignored;
 }

@@ -1,4 +1,4 @@
-/* Daemon start-up and supervision (Part 1.1). */
+/* Daemon start-up and supervision. */
 #ifndef PLM_PELLIN_MGR_H
 #define PLM_PELLIN_MGR_H
 

@@ -1,4 +1,4 @@
-/* The start-up QoS table (Part 1.1): (pipe, profile id, priority) rows
+/* The start-up QoS table: (pipe, profile id, priority) rows
  * applied to every ingress parser block. */
 #ifndef PLM_QOS_DEFAULTS_H
 #define PLM_QOS_DEFAULTS_H

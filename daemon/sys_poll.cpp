@@ -1,4 +1,4 @@
-/* The daemon system poll and the fatal-error handler (Part 1.7). */
+/* The daemon system poll and the fatal-error handler. */
 #include "sys_poll.hpp"
 
 #include <pthread.h>

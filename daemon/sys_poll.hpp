@@ -1,4 +1,4 @@
-/* The daemon system poll (Part 1.7): pipe states at start and on change,
+/* The daemon system poll: pipe states at start and on change,
  * and the one-time FAILED alarm. */
 #ifndef PLM_SYS_POLL_H
 #define PLM_SYS_POLL_H

@@ -48,7 +48,7 @@ int plm_thread_monitor_enqueue(pthread_t *thread, const char *name)
     }
     entry = static_cast<plm_thread_monitor_entry*>(calloc(1, sizeof(*entry)));
     if (entry == NULL) {
-        /* Reported as "Null pointer", not "Out of memory": Part 1.3. */
+        /* Reported as "Null pointer", not "Out of memory": kept as shipped. */
         plm_log(LOG_ERR, "%s", PLM_TAG(NULL_POINTER));
         return -1;
     }
@@ -61,7 +61,7 @@ int plm_thread_monitor_enqueue(pthread_t *thread, const char *name)
     return 0;
 }
 
-/* Entries are only added, all before main walks: no lock (Part 1.3). */
+/* Entries are only added, all before main walks: no lock. */
 plm_thread_monitor_entry *plm_thread_monitor_find_ended(void)
 {
     plm_thread_monitor_entry *head = &plm_thread_monitor_list;

@@ -1,4 +1,4 @@
-/* The thread monitor (Part 1.3): the daemon's long-running threads, so
+/* The thread monitor: the daemon's long-running threads, so
  * that main notices when one of them has ended. */
 #ifndef PLM_THREAD_MONITOR_H
 #define PLM_THREAD_MONITOR_H

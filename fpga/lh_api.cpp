@@ -1,4 +1,4 @@
-/* The public API (Part 2.5): checks in their fixed order, then one driver
+/* The public API: checks in their fixed order, then one driver
  * operation, chosen by device type for the port and QoS calls and by
  * module id for statistics. */
 #include "lh_block_ops.hpp"
@@ -107,7 +107,7 @@ int lh_set_loopback(uint32_t type, uint32_t pipe)
     if (ops == NULL)
         return -1;
     if (type > LH_LOOPBACK_TYPE_MAX) {
-        /* ": " after the tag, unlike its neighbours: Part 2.5 keeps it. */
+        /* ": " after the tag, unlike its neighbours: kept as shipped. */
         lh_log(LOG_ERR, "%s: set loopback failed - unknown loopback type (%d)",
                LH_TAG(ERROR), type);
         return -1;

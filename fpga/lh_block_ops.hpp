@@ -1,4 +1,4 @@
-/* The block operations of Part 2.3 and the one table that wires each
+/* The operations every block driver offers and the one table that wires each
  * module id to its driver, its image and its register offsets. */
 #ifndef LH_BLOCK_OPS_H
 #define LH_BLOCK_OPS_H

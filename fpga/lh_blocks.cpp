@@ -1,4 +1,4 @@
-/* Every module id's driver, image and register offsets (Part 2.4). On the
+/* Every module id's driver, image and register offsets. On the
  * base image the second pipe's blocks sit 0x10000 above the first's;
  * global and PCIe exist once and take the pipe as listed. */
 #include <stddef.h>

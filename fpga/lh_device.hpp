@@ -1,4 +1,4 @@
-/* Device descriptors, library-wide state and discovery (Parts 2.1, 2.3),
+/* Device descriptors, library-wide state and discovery,
  * shared inside the library. */
 #ifndef LH_DEVICE_H
 #define LH_DEVICE_H
@@ -65,17 +65,17 @@ int lh_pci_get_csr_device(lh_device_desc **desc_out);
 /* Forgets the discovery caches; for tests that run discovery repeatedly. */
 void lh_pci_cache_reset(void);
 
-/* The checks every device bring-up runs first (Part 2.2): on LHX the PCI
+/* The checks every device bring-up runs first: on LHX the PCI
  * command write, then device lookup, scratch test, revision and timestamp
  * report; then the initialised flag is set. Returns 0 or -1. */
 int lh_bringup_checks(uint32_t device_type);
 
-/* Device bring-ups (Part 2.4): the checks, then a context per block. */
+/* Device bring-ups: the checks, then a context per block. */
 int lh_base_device_init(void);
 int lh_lhx_device_init(void);
 int lh_unsupported_device_init(void);
 
-/* The library poll thread and the register dump (Part 2.6). */
+/* The library poll thread and the register dump. */
 int lh_sys_poll_init(void);
 /* Stops the poll thread (if started) and waits for it. */
 void lh_sys_poll_stop(void);

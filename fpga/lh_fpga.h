@@ -8,7 +8,7 @@
 extern "C" {
 #endif
 
-/* Module ids (Part 2.3). */
+/* Module ids. */
 typedef uint32_t lh_module_t;
 enum {
     LH_MOD_GLOBAL = 0,
@@ -60,12 +60,12 @@ typedef struct {
     uint32_t priority;
 } lh_qos_profile_t;
 
-/* Life cycle (Part 2.4). */
+/* Life cycle. */
 int lh_fpga_init(const char *log_path);
 void lh_register_fatal_error_cb(lh_fatal_error_cb cb);
 void lh_fpga_shutdown(void);
 
-/* Pipe state, QoS, loopback and statistics (Part 2.5). */
+/* Pipe state, QoS, loopback and statistics. */
 int lh_set_traffic_pipe_state(uint32_t pipe, uint32_t state);
 int lh_get_traffic_pipe_state(uint32_t pipe, uint8_t *state_out);
 int lh_set_ingress_qos(uint32_t pipe, lh_qos_profile_t qos);
@@ -76,11 +76,11 @@ int lh_get_statistics(uint32_t module_id, uint32_t pipe, void *buffer,
                       uint64_t size);
 int lh_clear_statistics(uint32_t module_id, uint32_t pipe);
 
-/* Raw register access (Part 2.2). */
+/* Raw register access. */
 int lh_read_register(uint32_t offset, uint32_t *value_out);
 int lh_write_register(uint32_t offset, uint32_t value);
 
-/* Registry queries (Part 2.3). */
+/* Registry queries. */
 uint32_t lh_get_traffic_pipe_count(void);
 uint32_t lh_get_max_queue_id(void);
 int lh_get_module_list(const lh_module_entry **list_out);

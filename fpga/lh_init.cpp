@@ -1,4 +1,4 @@
-/* Library initialisation and shutdown (Part 2.4). */
+/* Library initialisation and shutdown. */
 #include "lh_block_ops.hpp"
 #include "lh_check.hpp"
 
@@ -15,7 +15,7 @@ static int create_block_contexts(const lh_device_desc *desc,
 
         if (site == NULL || site->device_type != device_type ||
             site->ops == NULL) {
-            /* The "Null pointer" tag and the spelling are Part 2.4's. */
+            /* The "Null pointer" tag and the spelling are kept as shipped. */
             lh_log(LOG_ERR,
                    "%s - unsupported module %d encountered during "
                    "initializtion",

@@ -1,4 +1,4 @@
-/* Device discovery and register window (Part 2.1). */
+/* Device discovery and register window. */
 #include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -85,7 +85,7 @@ int lh_get_controller_type(void)
 
 /* Which descriptor a controller type selects. Where the two columns differ
  * the choice depends on the platform simulation, and only there is it
- * asked. A null hardware choice finds nothing on purpose (Part 2.1). */
+ * asked. A null hardware choice finds nothing on purpose. */
 struct controller_choice {
     uint32_t controller_type;
     lh_device_desc *simulated;

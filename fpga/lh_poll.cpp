@@ -1,4 +1,4 @@
-/* The library poll thread and the register dump (Part 2.6). */
+/* The library poll thread and the register dump. */
 #include <pthread.h>
 #include <time.h>
 #include <unistd.h>
@@ -12,8 +12,8 @@
 #define DUMP_PATH_FORMAT \
     "/opt/orvel/platform/logs/lark_hollow_dump__%b-%d-%Y__%I-%M-%S-%p.log"
 #define DUMP_FILLER 0xDEADBEEFu
-/* The last word of the base window closes a run at once (Part 2.6); the
- * rule never applies on the smaller LHX window, as the spec keeps it. */
+/* The last word of the base window closes a run at once; the
+ * rule never applies on the smaller LHX window; dumps keep this shape. */
 #define DUMP_LAST_BASE_WORD 0x2A0FC
 
 static std::atomic<bool> poll_stop;

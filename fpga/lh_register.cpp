@@ -1,4 +1,4 @@
-/* Register access and bring-up checks (Part 2.2). */
+/* Register access and bring-up checks. */
 #include <stdlib.h>
 
 #include "lh_check.hpp"
@@ -11,15 +11,15 @@
 
 #define LH_SETPCI_COMMAND "setpci -d 1c7a:1d9 COMMAND=0x2"
 
-/* The logged address follows region 0 whichever BAR is mapped (Part 2.2
- * keeps this on the LHX image too). */
+/* The logged address follows region 0 whichever BAR is mapped (on the LHX
+ * image too: kept as shipped). */
 static uint32_t logged_address(const lh_device_desc *desc, uint32_t offset)
 {
     return (uint32_t)desc->device->regions[0].base_addr + offset;
 }
 
-/* What the access checks say for reads or writes (Part 2.2 words the
- * write's bound message "writing", unlike the others). */
+/* What the access checks say for reads or writes (the write's bound
+ * message says "writing", unlike the others). */
 struct access_words {
     const char *failed;
     const char *bound_failed;
@@ -118,7 +118,7 @@ int lh_bringup_checks(uint32_t device_type)
     lh_device_desc *desc;
 
     if (device_type == LH_DEV_TYPE_LHX) {
-        /* Memory space enable; the result is not looked at (Part 2.2). */
+        /* Memory space enable; the result is not looked at. */
         int ignored = system(LH_SETPCI_COMMAND);
         (void)ignored;
     }

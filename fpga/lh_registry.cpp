@@ -1,5 +1,5 @@
 /* Module ids and names, device descriptors, module state and the registry
- * queries of the public API (Part 2.3). */
+ * queries of the public API. */
 #include <stddef.h>
 
 #include "lh_check.hpp"

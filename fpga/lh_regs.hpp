@@ -2,7 +2,7 @@
  * Every register of the library and its drivers is a 32-bit word at a byte
  * offset from a base inside the mapped window, read and written as one
  * access. The API threads and the poll thread share control registers
- * without a lock (Parts 3.1, 4.1 keep it so), so an access is a relaxed
+ * without a lock (the hardware keeps it so), so an access is a relaxed
  * atomic: the same single instruction, without a data race in the language's
  * sense. A test build (LH_REG_MODEL)
  * routes the accesses through a register model that can give registers the

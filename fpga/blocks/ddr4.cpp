@@ -1,4 +1,4 @@
-/* DDR4 block (Part 3.4): the command, read-info and per-agent data FIFOs
+/* DDR4 block: the command, read-info and per-agent data FIFOs
  * and the memory's uncorrectable ECC error, all in one status register.
  * The driver is this table walked by the shared core. */
 #include "ddr4.hpp"

@@ -1,4 +1,4 @@
-/* The DDR4 memory-controller block driver (Part 3.4), base image only
+/* The DDR4 memory-controller block driver, base image only
  * (module 2, one block per pipe). It reports the block's FIFO and ECC
  * errors; no statistics. */
 #ifndef DDR4_H

@@ -1,4 +1,4 @@
-/* Egress scheduler (Part 4.2): the traffic counters and the fatal-error
+/* Egress scheduler: the traffic counters and the fatal-error
  * bits of the block. `egress_sched` (base image) and `lhx_egress_sched`
  * (LHX image) differ only in display name, module id and contexts;
  * everything else is the tables below and the shared core. */
@@ -53,7 +53,7 @@ struct egress_sched_ctx {
     uint64_t stats[EGRESS_SCHED_COUNTER_COUNT] = {};
 };
 
-/* clear_stats words its refusals as update stats: Part 4.2 keeps it so. */
+/* clear_stats words its refusals as update stats: the hardware keeps it so. */
 #define EGRESS_SCHED_BLOCK(display_name, module, ctxs)                         \
     {                                                                          \
         .name = (display_name), .module_id = (module),                         \

@@ -1,4 +1,4 @@
-/* The egress scheduler drivers (Part 4.2): `egress_sched` for the base
+/* The egress scheduler drivers: `egress_sched` for the base
  * image (module 8) and `lhx_egress_sched` for the LHX image (module 14), one
  * implementation with the same registers, statistics and error bits. */
 #ifndef EGRESS_SCHED_H

@@ -1,4 +1,4 @@
-/* Global blocks (Part 3.2): one SEM status register per die, a heartbeat
+/* Global blocks: one SEM status register per die, a heartbeat
  * bit and a fatal-error bit each. `global` (base image) watches three dies,
  * `lhx_global` (LHX image) the first only; both are this one table walked
  * by the shared core, cut after their last die. */
@@ -15,7 +15,7 @@
 #define BASE_DIES 3
 #define LHX_DIES  1
 
-/* Per die, the heartbeat before the fatal error (Part 3.2). */
+/* Per die, the heartbeat before the fatal error. */
 static const struct lh_error_bit sem_errors[] = {
     {SEM_STATUS(0), SEM_HEARTBEAT_BIT,
      "die 0 SEM controller 0 heartbeat has stopped"},

@@ -1,4 +1,4 @@
-/* The global block drivers (Part 3.2): `global` for the base image
+/* The global block drivers: `global` for the base image
  * (module 0, three dies) and `lhx_global` for the LHX image (module 9, one
  * die). They watch the SEM controller of each die; no statistics. */
 #ifndef GLOBAL_H

@@ -1,4 +1,4 @@
-/* What every block driver shares (Parts 2.3, 3.x, 4.x): the context, the
+/* What every block driver shares: the context, the
  * create steps, the pipe and context checks, the walk of a fatal-error
  * table and the statistics kept under the context's mutex. A driver is then
  * its tables, its display name and its few real differences. */
@@ -61,7 +61,7 @@ struct lh_block_desc {
 
 #define LH_ARRAY_SIZE(a) (sizeof(a) / sizeof((a)[0]))
 
-/* context_create, steps in the order the Parts give them. */
+/* context_create, step by step; drivers call them in their own order. */
 /* A null base or a pipe not below 2 and the pipe count: logged, -1. */
 int lh_block_check_create(const struct lh_block_desc *desc, uint32_t pipe,
                           volatile void *regs);

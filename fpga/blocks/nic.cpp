@@ -1,4 +1,4 @@
-/* The NIC blocks (Part 4.3): global and per-queue counters and the fatal
+/* The NIC blocks: global and per-queue counters and the fatal
  * error bits of the QDMA, buffer, queue and traffic managers. `nic` and
  * `lhx_nic` share every operation; their variants hold what differs: the
  * display name, the queue select field and two error-table rows. */
@@ -45,7 +45,7 @@ struct nic_variant {
 };
 
 /* The record, in order: 0x88 and 0x8C before 0x70, and 0xF8 between 0x84
- * and 0x90 (Part 4.3 keeps it so). */
+ * and 0x90 (the hardware keeps it so). */
 static const struct lh_counter_source global_counters[] = {
     LH_COUNTER64(0x50, 0x54),
     LH_COUNTER64(0x58, 0x5C),
@@ -104,7 +104,7 @@ static_assert(LH_ARRAY_SIZE(global_counters) == NIC_GLOBAL_COUNTERS,
         STATUS0(1, "NIC TOP TM RX Missing EOP Error"),                         \
         STATUS0(0, "NIC TOP TM RX Missing SOP Error")
 
-/* Bit 17 is tested once: Part 4.3 lets its repeated test fold. */
+/* Bit 17 is tested once: a second test of it could never report. */
 #define STATUS1_BITS_29_TO_0                                                   \
     STATUS1(29, "BudM Linked List Parity Error"),                              \
         STATUS1(28, "BudM Tail Bud Parity Error"),                             \
@@ -166,7 +166,7 @@ static const struct lh_error_bit nic_errors[] = {
     STATUS0_BITS_11_TO_0,
     STATUS1_BITS_29_TO_0,
     STATUS2_BITS_19_TO_5,
-    /* Bit 4 is not tested on nic (Part 4.3 keeps it so). */
+    /* Bit 4 is not tested on nic (the hardware keeps it so). */
     STATUS2_BITS_3_TO_0,
 };
 
@@ -208,7 +208,7 @@ static struct nic_ctx lhx_nic_ctxs[LH_MAX_PIPES] = {
     {.block = {.stats = lhx_nic_ctxs[1].stats.global}},
 };
 /* The 8-bit field makes queue 128 alias queue 0 with its banks swapped
- * (Part 4.3 keeps it so). */
+ * (the hardware keeps it so). */
 static const struct nic_variant lhx_nic = {
     .block = NIC_BLOCK("LHX NIC", LH_MOD_LHX_NIC, lhx_nic_ctxs,
                        lhx_nic_errors),

@@ -1,4 +1,4 @@
-/* The NIC block drivers (Part 4.3): `nic` for the base image (module 4) and
+/* The NIC block drivers: `nic` for the base image (module 4) and
  * `lhx_nic` for the LHX image (module 12), one implementation with the same
  * registers and statistics record; they differ in the queue select field
  * and two rows of the error table. */

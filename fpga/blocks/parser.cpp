@@ -1,4 +1,4 @@
-/* Ingress packet parser (Part 4.1): the QoS profile table, the traffic
+/* Ingress packet parser: the QoS profile table, the traffic
  * counters and the fatal-error bits of the block. `parser` (base image) and
  * `lhx_parser` (LHX image) differ only in display name, module id and
  * contexts; everything else is the tables below and the shared core. */
@@ -37,7 +37,7 @@ static const struct lh_error_bit fatal_errors[] = {
     FATAL(12, "High Priority Burst buffer Overflow"),
     FATAL(11, "Medium Priority Burst buffer Overflow"),
     FATAL(10, "Low Priority Burst buffer Overflow"),
-    /* Bit 9 twice and bit 8 never: Part 4.1 keeps them so. */
+    /* Bit 9 twice and bit 8 never: the hardware keeps them so. */
     FATAL(9, "Meta Data FIFO Underflow"),
     FATAL(9, "Packet Length FIFO Underflow"),
     FATAL(7, "High Priority Burst buffer Underflow"),

@@ -1,4 +1,4 @@
-/* The ingress packet parser drivers (Part 4.1): `parser` for the base image
+/* The ingress packet parser drivers: `parser` for the base image
  * (module 5) and `lhx_parser` for the LHX image (module 13), one
  * implementation with the same registers, statistics and QoS table. */
 #ifndef PARSER_H

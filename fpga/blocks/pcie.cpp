@@ -1,8 +1,8 @@
-/* PCIe blocks (Part 3.3): the host-bus bridge's FIFO errors and its two
+/* PCIe blocks: the host-bus bridge's FIFO errors and its two
  * 32-bit counters. `pcie` (base image) and `lhx_pcie` (LHX image) differ
  * only in display name, module id and contexts; the rest is the tables
  * below and the shared core, whose create sets valid only once the mutex
- * exists, as this Part wants. */
+ * exists. */
 #include "pcie.hpp"
 
 #include "lh_block.hpp"

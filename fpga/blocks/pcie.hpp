@@ -1,4 +1,4 @@
-/* The PCIe block drivers (Part 3.3): `pcie` for the base image (module 1)
+/* The PCIe block drivers: `pcie` for the base image (module 1)
  * and `lhx_pcie` for the LHX image (module 10), one implementation with
  * the same registers, two counters and the same error bits. */
 #ifndef PCIE_H

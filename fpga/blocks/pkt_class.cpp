@@ -1,4 +1,4 @@
-/* Ingress packet classifier (Part 4.5): the traffic counters and the
+/* Ingress packet classifier: the traffic counters and the
  * fatal-error bits of the block's three status registers; the operations
  * are the shared core's. */
 #include "pkt_class.hpp"
@@ -25,7 +25,7 @@
     }
 
 /* Test order. Status 0 bits 24..0 come before its bits 30..25, and
- * status 2 bit 4 repeats bit 6's text: Part 4.5 keeps both so. Bits not
+ * status 2 bit 4 repeats bit 6's text: the hardware keeps both so. Bits not
  * listed (status 0 bit 31, status 1 bits 31..14, status 2 bits 31..17) are
  * never tested. */
 static const struct lh_error_bit fatal_errors[] = {
@@ -66,7 +66,7 @@ static const struct lh_error_bit fatal_errors[] = {
     FATAL1(10, "Inband Stat Manager FIFO Overflow"),
     FATAL1(9, "Inband Stat Manager FIFO Underflow"),
     FATAL1(8, "Inband Stat Manager RAM/FIFO Double bit ECC Error"),
-    /* "statitics": Part 4.5 keeps it so. */
+    /* "statitics": the hardware keeps it so. */
     FATAL1(7, "Time-out Error when reading statitics from hbm and acc_cache"),
     FATAL1(6, "Stat Read Flow Missing Error. Flow id mismatch between read "
               "request and response from stat table"),
@@ -95,7 +95,7 @@ static const struct lh_error_bit fatal_errors[] = {
     FATAL2(0, "DDR4 Response FIFO Underflow"),
 };
 
-/* The statistics record, in order: Part 4.5's rule written out, 83
+/* The statistics record, in order, written out: 83
  * registers in all. Counters 0..11 are the pairs 0x20/0x24 .. 0x78/0x7C;
  * then runs of single registers: 12..22 from 0x80, 23..35 from 0xF0,
  * 36..54 from 0x220, 55..64 from 0x288, 65..70 from 0x720. */

@@ -1,4 +1,4 @@
-/* The ingress packet classifier driver (Part 4.5): `pkt_class`, module 6,
+/* The ingress packet classifier driver: `pkt_class`, module 6,
  * base image only. */
 #ifndef PKT_CLASS_H
 #define PKT_CLASS_H

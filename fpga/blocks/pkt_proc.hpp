@@ -1,4 +1,4 @@
-/* The ingress packet processor driver (Part 4.4): `pkt_proc`, module 7,
+/* The ingress packet processor driver: `pkt_proc`, module 7,
  * base image only. */
 #ifndef PKT_PROC_H
 #define PKT_PROC_H

@@ -1,4 +1,4 @@
-/* The Ethernet port blocks (Part 3.1). eth and caui are one design with two
+/* The Ethernet port blocks. eth and caui are one design with two
  * register maps: every operation is written once and driven by the block's
  * variant, which holds only what differs (offsets, the receive-aligned bit,
  * the counters, the error table, the display name). */
@@ -149,7 +149,7 @@ static const struct lh_counter_source eth_counters[] = {
     MAC_COUNTER(0x900),
     MAC_COUNTER(0x908),
     MAC_COUNTER(0x910),
-    /* 68-74, the wrapper: high word at the lower address (Part 3.1). */
+    /* 68-74, the wrapper: high word at the lower address. */
     LH_COUNTER64(0x1050, 0x1054),
     LH_COUNTER32(0x1058),
     LH_COUNTER64(0x105C, 0x1060),
@@ -188,7 +188,7 @@ static const struct lh_counter_source caui_counters[] = {
     MAC_COUNTER(0x700),
     MAC_COUNTER(0x708),
     MAC_COUNTER(0x710),
-    /* 25-31, the wrapper: high word at the lower address (Part 3.1). */
+    /* 25-31, the wrapper: high word at the lower address. */
     LH_COUNTER64(0x850, 0x854),
     LH_COUNTER32(0x858),
     LH_COUNTER64(0x85C, 0x860),
@@ -203,7 +203,7 @@ static_assert(LH_ARRAY_SIZE(eth_counters) == ETH_STATS_COUNT,
 static_assert(LH_ARRAY_SIZE(caui_counters) == CAUI_STATS_COUNT,
                "caui counter table");
 
-/* Bit 1 is not tested (Part 3.1). */
+/* Bit 1 is not tested. */
 static const struct lh_error_bit eth_errors[] = {
     {ETH_FATAL_STATUS, 8, "RX Straddle AXI4 Interface Multiple SOP error"},
     {ETH_FATAL_STATUS, 7, "RX Buffer FIFO Double bit ECC error"},
@@ -216,7 +216,7 @@ static const struct lh_error_bit eth_errors[] = {
 };
 
 /* Bit 0 is not tested, and the texts sit at other bits than eth's; both
- * as Part 3.1 lists them. */
+ * as the hardware has them. */
 static const struct lh_error_bit caui_errors[] = {
     {CAUI_FATAL_STATUS, 9, "TX Buffer FIFO Underflow"},
     {CAUI_FATAL_STATUS, 8, "RX Buffer FIFO Underflow"},
@@ -293,7 +293,7 @@ static int port_context_create(const struct port_variant *port, uint32_t pipe,
         return -1;
     ctx = port->block.contexts[pipe];
     ctx->regs = regs;
-    /* Before the mutex: a failed init leaves the context valid (Part 3.1). */
+    /* Before the mutex: a failed init leaves the context valid. */
     ctx->valid = 1;
     if (lh_block_init_stats(&port->block, ctx) != 0)
         return -1;
@@ -343,7 +343,7 @@ static void port_log_aligned(const struct port_variant *port, uint32_t pipe)
 }
 
 /* Succeeds whether or not the port aligns: the caller learns the link
- * state from get_interface_state (Part 3.1). */
+ * state from get_interface_state. */
 static int port_enable(const struct port_variant *port, volatile void *regs,
                        uint32_t pipe)
 {
@@ -417,7 +417,7 @@ static int port_disable_loopback(const struct port_variant *port,
     return 0;
 }
 
-/* Another type needs a "disable-all" first (Part 3.1). */
+/* Another type needs a "disable-all" first. */
 static int port_enable_loopback(const struct port_variant *port,
                                 struct lh_block_ctx *ctx, uint32_t pipe,
                                 uint32_t type)
@@ -617,7 +617,7 @@ void caui_rx_align_monitor(uint32_t pipe)
     port_rx_align_monitor(&caui, pipe);
 }
 
-/* Only caui's align monitor is called by the poll thread (Part 3.1). */
+/* Only caui's align monitor is called by the poll thread. */
 const struct lh_block_ops eth_ops = {
     .desc = &eth.block,
     .context_create = eth_context_create,

@@ -1,4 +1,4 @@
-/* The Ethernet port block drivers (Part 3.1): eth on the LHX image, caui on
+/* The Ethernet port block drivers: eth on the LHX image, caui on
  * the base image. One design with two register maps; the library reaches
  * them through eth_ops and caui_ops (lh_drivers.h). */
 #ifndef PORT_H

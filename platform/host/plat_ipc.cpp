@@ -1,5 +1,5 @@
 /* libplatipc on a host: one Unix stream socket per server, one framed
- * record per message (host.md section 3). */
+ * record per message. */
 #include "plat_ipc.h"
 
 #include <errno.h>

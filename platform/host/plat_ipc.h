@@ -1,7 +1,7 @@
 /*
- * libplatipc: the platform IPC library on a host that is not the appliance
- * (host.md section 3), with the operations of Part 1.5 for servers and a
- * client side for tools and tests.
+ * libplatipc: the platform IPC library on a host that is not the appliance,
+ * with the operations the appliance's library offers servers and a client
+ * side for tools and tests.
  *
  * Transport: a Unix domain stream socket per server at
  * IPC_SOCKET_DIR "/<app id>.sock". A message on the wire is the 32-byte
@@ -39,7 +39,7 @@ extern "C" {
 /* The longest a client waits for its socket to take a message. */
 #define IPC_CLIENT_SEND_TIMEOUT_MS 5000
 
-/* The message record of Part 1.4 (the daemon's plm_ipc_msg). */
+/* The message record (the daemon's plm_ipc_msg). */
 typedef struct ipc_msg {
     uint32_t addr0;
     uint32_t addr1;
@@ -65,7 +65,7 @@ static_assert(offsetof(ipc_msg_t, payload) == 24, "payload at 24");
 
 typedef void (*ipc_recv_cb)(void *unused, ipc_msg_t *msg);
 
-/* Server side (Part 1.5) */
+/* Server side */
 
 /* A new context for application app_id: an opaque non-zero handle, or 0
  * when it cannot be created (every other call then fails with -EINVAL). */

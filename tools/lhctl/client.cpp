@@ -1,4 +1,4 @@
-/* The client side of the daemon's socket (host.md section 3): one
+/* The client side of the daemon's socket: one
  * connection per run, one request at a time, each answered within the
  * timeout or not at all. Failures are reported here, once. */
 #include <errno.h>
@@ -67,7 +67,7 @@ static int connect_once(struct lhctl *ctl)
     return rc == 0 ? LHCTL_EXIT_OK : connect_failed(ctl->socket_path, rc);
 }
 
-/* An error reply of Part 1.4 prints its code's text. */
+/* An error reply prints its code's text. */
 static int error_reply(uint32_t op, const ipc_msg_t *msg)
 {
     const uint8_t *payload = static_cast<const uint8_t *>(msg->payload);

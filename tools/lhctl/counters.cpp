@@ -1,8 +1,8 @@
-/* A statistics record as named counters. The Parts define the counters
+/* A statistics record as named counters. The drivers define the counters
  * only by their register sources, so that is what names them: a 64-bit
  * counter "reg_0x<high>_0x<low>", a 32-bit one "reg_0x<low>", offsets from
  * the block base as the driver's own table gives them (lh_block_layout_of).
- * The NIC record (Part 4.3) adds a 32-byte entry per queue; only the
+ * The NIC record adds a 32-byte entry per queue; only the
  * queues whose present flag is set are listed. */
 #include <errno.h>
 #include <inttypes.h>
@@ -14,7 +14,7 @@
 #include "lhctl.hpp"
 #include "nic.hpp"
 
-/* Part 4.3: queue counter 0 is bits 31..16 of 0xC4; counters 1 and 2 are
+/* Queue counter 0 is bits 31..16 of 0xC4; counters 1 and 2 are
  * 0xC4 bits 15..0 above 0xC8, read with the first and the second bank
  * selected. */
 static const char *const queue_counter_names[NIC_QUEUE_COUNTERS] = {

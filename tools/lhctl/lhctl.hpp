@@ -1,5 +1,5 @@
 /* lhctl, the operator's client of pellin_mgr: what its files share. The
- * requests and replies are those of Part 1.4; docs/lhctl.md describes the
+ * requests and replies are the daemon's IPC records; docs/lhctl.md describes the
  * commands, their output and the exit codes. */
 #ifndef LHCTL_H
 #define LHCTL_H
@@ -29,7 +29,7 @@ struct lhctl {
     struct ipc_client *client = {}; /* connected at the first request */
 };
 
-/* Wire helpers: payload fields are in host byte order (Part 1.4). */
+/* Wire helpers: payload fields are in host byte order. */
 static inline void lhctl_put32(uint8_t *at, uint32_t value)
 {
     memcpy(at, &value, sizeof(value));
@@ -104,7 +104,7 @@ int lhctl_counters_decode(uint32_t module_id, const uint8_t *record,
                           size_t size, struct lhctl_counters *out);
 void lhctl_counters_free(struct lhctl_counters *counters);
 
-/* requests.c: the operations of Part 1.4, each returning an exit code. */
+/* requests.cpp: the daemon's IPC operations, each returning an exit code. */
 struct lhctl_module {
     uint32_t id;
     uint32_t pipe;

@@ -10,12 +10,12 @@
 #include "lh_fpga.h"
 #include "lhctl.hpp"
 
-/* Indexed by loopback type (Part 2.5); bit n of a get mask is type n. */
+/* Indexed by loopback type; bit n of a get mask is type n. */
 const char *const lhctl_loopback_names[LHCTL_LOOPBACK_TYPES] = {
     "disable-all", "pcs-near", "pma-near", "pma-far", "pcs-far",
 };
 
-/* Indexed by lh_qos_priority_t (Part 4.1). */
+/* Indexed by lh_qos_priority_t. */
 const char *const lhctl_priority_names[LHCTL_PRIORITIES] = {
     "low",
     "med",
@@ -71,7 +71,7 @@ int lhctl_parse_name(const char *what, const char *text,
     return lhctl_usage_error("unknown %s \"%s\"", what, text);
 }
 
-/* A name of Part 2.3, or an id below LH_MOD_COUNT. */
+/* A module name, or an id below LH_MOD_COUNT. */
 int lhctl_parse_module(const char *text, uint32_t *module_id)
 {
     uint32_t id;

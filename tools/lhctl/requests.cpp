@@ -1,4 +1,4 @@
-/* The operations of Part 1.4 as calls: each builds its request payload,
+/* The daemon's IPC operations as calls: each builds its request payload,
  * checks the reply's shape and hands back what it carries. */
 #include <errno.h>
 #include <stdlib.h>

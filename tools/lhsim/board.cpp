@@ -1,4 +1,4 @@
-/* A board directory made by simboard (host.md 4), opened from its own
+/* A board directory made by simboard, opened from its own
  * files: the sysfs "device" file names the image, the "resource" file the
  * BAR whose resourceN is the window, and idprom_cache.conf the kind. */
 #include <errno.h>

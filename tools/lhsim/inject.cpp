@@ -20,7 +20,7 @@ struct target {
     uint32_t base; /* the block's offset in the window */
 };
 
-/* The receive-aligned bit of each port block (Part 3.1). */
+/* The receive-aligned bit of each port block. */
 static const struct port_status {
     uint32_t module_id;
     uint32_t reg;

@@ -1,4 +1,4 @@
-/* lhsim: the simulated Larks Hollow board as a tool (host.md 4): make a
+/* lhsim: the simulated Larks Hollow board as a tool: make a
  * board directory, run the daemon or a shell on it in its sandbox, and do
  * what hardware does while the daemon runs. docs/lhsim.md has the details.
  *
