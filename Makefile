@@ -4,7 +4,7 @@ BUILD ?= build
 JOBS ?= $(shell nproc)
 CMAKE_TYPE ?= RelWithDebInfo
 
-.PHONY: all bootstrap build run test test-asan test-tsan bench clean
+.PHONY: all bootstrap build quiet-build run test test-asan test-tsan bench clean
 
 all: build
 
@@ -20,10 +20,20 @@ endef
 build: bootstrap
 	$(call configure_and_build,$(BUILD),)
 
+# The same build with its output kept in $(BUILD)/build.log and shown only
+# when it fails, so that what `make run` prints first is the board.
+quiet-build: bootstrap
+	@mkdir -p $(BUILD)
+	@echo "make: building in $(BUILD)/ (output in $(BUILD)/build.log)"
+	@( $(call configure_and_build,$(BUILD),) ) >$(BUILD)/build.log 2>&1 || \
+	    { tail -n 40 $(BUILD)/build.log; \
+	      echo "make: the build failed; the whole output is in $(BUILD)/build.log"; \
+	      exit 1; }
+
 # The daemon on a simulated two-pipe base board, in the foreground, its log
 # on the terminal; Ctrl-C stops it and removes the board.
-run: build
-	$(BUILD)/bin/lhsim run --board base2 -- $(abspath $(BUILD))/bin/pellin_mgr
+run: quiet-build
+	@$(BUILD)/bin/lhsim run --board base2 -- $(abspath $(BUILD))/bin/pellin_mgr
 
 test: build
 	ctest --test-dir $(BUILD) --output-on-failure -j $(JOBS)
