@@ -12,10 +12,8 @@ bootstrap:
 	@scripts/bootstrap
 
 # $(1): build directory, $(2): extra CMake arguments
-define configure_and_build
-	cmake -S . -B $(1) -DCMAKE_BUILD_TYPE=$(CMAKE_TYPE) $(2) >/dev/null
-	cmake --build $(1) -j $(JOBS)
-endef
+configure_and_build = cmake -S . -B $(1) -DCMAKE_BUILD_TYPE=$(CMAKE_TYPE) $(2) >/dev/null && \
+    cmake --build $(1) -j $(JOBS)
 
 build: bootstrap
 	$(call configure_and_build,$(BUILD),)

@@ -97,6 +97,14 @@ static const struct lhsim_kind *find_kind(const char *root)
     return found;
 }
 
+const struct lhsim_kind *lhsim_kind_of(enum sim_board_kind kind)
+{
+    for (const struct lhsim_kind &row : kinds)
+        if (row.kind == kind)
+            return &row;
+    return NULL;
+}
+
 /* The BAR is the one line of "resource" that has an end address. */
 static int find_bar(const char *root, unsigned *bar)
 {

@@ -65,6 +65,8 @@ struct lhsim_board {
     int window_fd;
 };
 
+/* The row of a kind that sim_board_create makes. */
+const struct lhsim_kind *lhsim_kind_of(enum sim_board_kind kind);
 /* Whether dir holds a board (quietly). */
 int lhsim_board_exists(const char *dir);
 /* Opens dir's board; says why not on stderr and returns -1. */

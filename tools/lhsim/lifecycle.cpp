@@ -5,7 +5,8 @@
  * already holds one, runs PROGRAM on it in its sandbox and streams the
  * daemon's log file to standard output while PROGRAM runs. Ctrl-C or
  * SIGTERM stop PROGRAM; a board created by the run is then removed unless
- * --keep, one that was there before stays. The exit status is PROGRAM's. */
+ * --keep, one that was there before stays. The exit status is PROGRAM's
+ * when it ends by itself, 0 when it stopped cleanly on request. */
 #include <errno.h>
 #include <fcntl.h>
 #include <getopt.h>
@@ -16,8 +17,11 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <termios.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include <string>
 
 #include "lhsim.hpp"
 
@@ -78,27 +82,95 @@ static int exit_status(int status)
     return 128 + (WIFSIGNALED(status) ? WTERMSIG(status) : 0);
 }
 
+/* A terminal sends Ctrl-C to its foreground process group. While the run
+ * lasts, lhsim and its program are that group on their own, so that the
+ * stop reaches them and not the make or script that started lhsim; the
+ * terminal goes back to that group when the run ends. */
+class TerminalForeground {
+public:
+    void take()
+    {
+        const pid_t group = getpgrp();
+
+        if (!isatty(STDIN_FILENO) || tcgetpgrp(STDIN_FILENO) != group ||
+            group == getpid() || setpgid(0, 0) != 0)
+            return;
+        if (hand_to(getpid()))
+            previous_ = group;
+    }
+
+    ~TerminalForeground()
+    {
+        if (previous_ > 0)
+            hand_to(previous_);
+    }
+
+private:
+    /* SIGTTOU is blocked meanwhile: a process group not yet in the
+     * foreground may then still take the terminal. */
+    static bool hand_to(pid_t group)
+    {
+        sigset_t ttou, old;
+
+        sigemptyset(&ttou);
+        sigaddset(&ttou, SIGTTOU);
+        sigprocmask(SIG_BLOCK, &ttou, &old);
+        const bool done = tcsetpgrp(STDIN_FILENO, group) == 0;
+        sigprocmask(SIG_SETMASK, &old, NULL);
+        return done;
+    }
+
+    pid_t previous_ = 0;
+};
+
 #define STOP_RETRY_US 50000
 
 /* Sends SIGTERM until the program has ended: one sent before the child
  * dropped lhsim's own handlers (between fork and exec) would be lost.
- * SIGKILL after STOP_TIMEOUT_MS. */
-static void stop_program(pid_t pid, int *status)
+ * SIGKILL after STOP_TIMEOUT_MS; false then. */
+static bool stop_program(pid_t pid, int *status)
 {
     for (int waited_us = 0; waited_us < STOP_TIMEOUT_MS * 1000;
          waited_us += STOP_RETRY_US) {
         kill(pid, SIGTERM);
         if (waitpid(pid, status, WNOHANG) == pid)
-            return;
+            return true;
         usleep(STOP_RETRY_US);
     }
     kill(pid, SIGKILL);
     waitpid(pid, status, 0);
+    return false;
+}
+
+/* How the program ended: its exit status, and whether it was stopped on
+ * request. */
+struct run_end {
+    int status;
+    bool stopped;
+};
+
+/* A stop is clean when the program ends on it, by its own exit 0 or by
+ * the signal itself; the run then exits 0. */
+static struct run_end stopped_on_request(const char *program, pid_t pid)
+{
+    int status = 0;
+
+    if (!stop_program(pid, &status)) {
+        fprintf(stderr, "lhsim: %s did not stop within %d s; killed\n",
+                program, STOP_TIMEOUT_MS / 1000);
+        return {LHSIM_FAILED, true};
+    }
+    const bool clean =
+        (WIFEXITED(status) && WEXITSTATUS(status) == 0) ||
+        (WIFSIGNALED(status) &&
+         (WTERMSIG(status) == SIGTERM || WTERMSIG(status) == SIGINT));
+    return {clean ? LHSIM_OK : exit_status(status), true};
 }
 
 /* Streams the log's new lines until the program ends; forwards a stop
  * request. */
-static int follow(pid_t pid, const char *log_path)
+static struct run_end follow(const char *program, pid_t pid,
+                             const char *log_path)
 {
     off_t offset = file_size(log_path);
     int status = 0;
@@ -108,21 +180,73 @@ static int follow(pid_t pid, const char *log_path)
 
         tail_log(log_path, &offset);
         if (done == pid)
-            break;
+            return {exit_status(status), false};
         if (stop_signal != 0) {
-            stop_program(pid, &status);
+            /* The terminal echoed ^C; what follows starts a line. */
+            if (stop_signal == SIGINT && isatty(STDOUT_FILENO))
+                (void)!write(STDOUT_FILENO, "\n", 1);
+            struct run_end end = stopped_on_request(program, pid);
+
             tail_log(log_path, &offset);
-            break;
+            return end;
         }
         usleep(TAIL_INTERVAL_US);
     }
-    return exit_status(status);
+}
+
+/* The directory lhsim itself was started from, where lhctl lies too. */
+static std::string own_directory(void)
+{
+    char self[PATH_MAX];
+    ssize_t length = readlink("/proc/self/exe", self, sizeof(self) - 1);
+
+    if (length <= 0)
+        return "";
+    self[length] = '\0';
+    return dirname(self);
 }
 
 static void announce(enum sim_board_kind kind, const char *root, FILE *to)
 {
     fprintf(to, "lhsim: %s board in %s; socket %s/" LHSIM_SOCKET "\n",
             sim_board_kind_name(kind), root, root);
+}
+
+/* What to try on the running board, with this run's paths. */
+static void suggest_commands(enum sim_board_kind kind, const char *root,
+                             bool removed_after, FILE *to)
+{
+    const struct lhsim_kind *row = lhsim_kind_of(kind);
+    const std::string bin = own_directory();
+    /* Both port blocks know this error, under their own names. */
+    const char *port = kind == SIM_BOARD_LHX ? "eth" : "caui";
+    const unsigned last_pipe = row->pipes - 1;
+
+    if (bin.empty())
+        return;
+    fprintf(to, "lhsim: try from another terminal:\n");
+    for (const char *what : {"modules", "pipes"})
+        fprintf(to, "lhsim:   %s/lhctl --socket %s/" LHSIM_SOCKET " %s\n",
+                bin.c_str(), root, what);
+    fprintf(to, "lhsim:   %s/lhctl --socket %s/" LHSIM_SOCKET " stats %s %u\n",
+            bin.c_str(), root, port, last_pipe);
+    for (const char *state : {"down", "up"})
+        fprintf(to, "lhsim:   %s/lhsim link %s %u %s\n", bin.c_str(), root,
+                last_pipe, state);
+    fprintf(to,
+            "lhsim:   %s/lhsim fatal %s %s %u \"TX Buffer FIFO Underflow\"\n",
+            bin.c_str(), root, port, last_pipe);
+    fprintf(to, "lhsim: Ctrl-C stops the program and %s the board\n",
+            removed_after ? "removes" : "keeps");
+}
+
+/* The run's last line when the user stopped it. */
+static void say_stopped(bool removed, const char *root)
+{
+    if (removed)
+        fprintf(stderr, "lhsim: stopped; the board is removed\n");
+    else
+        fprintf(stderr, "lhsim: stopped; the board stays in %s\n", root);
 }
 
 static int make_root(const char *dir, char *root, size_t size)
@@ -136,6 +260,14 @@ static int make_root(const char *dir, char *root, size_t size)
         return -1;
     strncat(root, "/board", size - strlen(root) - 1);
     return 0;
+}
+
+/* Removes the directory make_root made for the board (none when --dir
+ * named the board's place). */
+static void remove_made_root(const struct run_options *options, char *root)
+{
+    if (options->dir == NULL)
+        rmdir(dirname(root));
 }
 
 /* Options up to "--"; the index of PROGRAM, or -1 for a usage error. */
@@ -170,40 +302,49 @@ static int run_created(const struct run_options *options, char **program)
 {
     char root[PATH_MAX], log_path[PATH_MAX + 32];
     struct sim_board *board;
-    int status;
     pid_t pid;
 
-    if (make_root(options->dir, root, sizeof(root)) != 0 ||
-        sim_board_create(root, options->kind, &board) != 0) {
+    if (make_root(options->dir, root, sizeof(root)) != 0) {
         fprintf(stderr, "lhsim: cannot create the board in %s: %s\n", root,
                 strerror(errno));
+        return LHSIM_FAILED;
+    }
+    if (sim_board_create(root, options->kind, &board) != 0) {
+        fprintf(stderr, "lhsim: cannot create the board in %s: %s\n", root,
+                strerror(errno));
+        remove_made_root(options, root);
         return LHSIM_FAILED;
     }
     snprintf(log_path, sizeof(log_path), "%s/" DAEMON_LOG,
              sim_board_path(board, SIM_PATH_LOGS));
     announce(options->kind, sim_board_path(board, SIM_PATH_ROOT), stderr);
+    suggest_commands(options->kind, sim_board_path(board, SIM_PATH_ROOT),
+                     !options->keep, stderr);
     pid = sim_board_spawn(board, NULL, program);
     if (pid < 0) {
         fprintf(stderr, "lhsim: cannot start %s: %s\n", program[0],
-                strerror(errno));
+                *sim_board_last_error() ? sim_board_last_error()
+                                        : strerror(errno));
         sim_board_destroy(board);
+        remove_made_root(options, root);
         return LHSIM_FAILED;
     }
-    status = follow(pid, log_path);
+    const struct run_end end = follow(program[0], pid, log_path);
     if (options->keep) {
         sim_board_free(board);
-        return status;
+    } else {
+        sim_board_destroy(board);
+        remove_made_root(options, root);
     }
-    sim_board_destroy(board);
-    if (options->dir == NULL)
-        rmdir(dirname(root)); /* the directory make_root made */
-    return status;
+    if (end.stopped)
+        say_stopped(!options->keep, root);
+    return end.status;
 }
 
 /* A board made earlier (lhsim create, or a kept run): it stays. */
 static int run_existing(const struct run_options *options, char **program)
 {
-    char log_path[PATH_MAX + 64];
+    char log_path[PATH_MAX + 64], root[PATH_MAX];
     struct lhsim_board board;
     pid_t pid;
 
@@ -217,7 +358,9 @@ static int run_existing(const struct run_options *options, char **program)
         return LHSIM_USAGE;
     }
     snprintf(log_path, sizeof(log_path), "%s/" LHSIM_DAEMON_LOG, board.root);
+    snprintf(root, sizeof(root), "%s", board.root);
     announce(board.kind->kind, board.root, stderr);
+    suggest_commands(board.kind->kind, board.root, false, stderr);
     pid = lhsim_board_spawn(&board, program);
     lhsim_board_close(&board);
     if (pid < 0) {
@@ -225,16 +368,27 @@ static int run_existing(const struct run_options *options, char **program)
                 strerror(errno));
         return LHSIM_FAILED;
     }
-    return follow(pid, log_path);
+    const struct run_end end = follow(program[0], pid, log_path);
+    if (end.stopped)
+        say_stopped(false, root);
+    return end.status;
 }
 
 int lhsim_run(const struct lhsim_command *command, int argc, char **argv)
 {
     struct run_options options;
     int program = parse_run(argc, argv, &options);
+    std::string why;
 
     if (program < 0)
         return lhsim_usage(command);
+    /* Said at once, before any board is made. */
+    if (!sim_sandbox_available(&why)) {
+        fprintf(stderr, "lhsim: %s\n", why.c_str());
+        return LHSIM_FAILED;
+    }
+    TerminalForeground terminal;
+    terminal.take();
     catch_stop_signals();
     if (options.dir != NULL && lhsim_board_exists(options.dir))
         return run_existing(&options, &argv[program]);

@@ -1,7 +1,4 @@
 /* The sandbox: a private mount namespace in which the board is the PCI bus. */
-#ifndef _GNU_SOURCE
-#endif
-
 #include "simboard.hpp"
 #include "simboard_internal.hpp"
 
@@ -10,7 +7,7 @@
 #include <limits.h>
 #include <sched.h>
 #include <signal.h>
-#include <stdbool.h>
+#include <stddef.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/mount.h>
@@ -18,6 +15,9 @@
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
+
+#include <string>
+#include <utility>
 
 #define NELEM(a) (sizeof(a) / sizeof((a)[0]))
 
@@ -32,6 +32,42 @@
 #define WAIT_STEP_MAX_MS 20
 
 static __thread char last_error[PATH_MAX + 256];
+
+namespace {
+
+/* A descriptor closed when it goes out of scope. */
+class UniqueFd {
+public:
+    UniqueFd() = default;
+    explicit UniqueFd(int fd) : fd_(fd) {}
+    UniqueFd(UniqueFd &&other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+    UniqueFd &operator=(UniqueFd &&other) noexcept
+    {
+        reset(std::exchange(other.fd_, -1));
+        return *this;
+    }
+    UniqueFd(const UniqueFd &) = delete;
+    UniqueFd &operator=(const UniqueFd &) = delete;
+    ~UniqueFd() { reset(); }
+
+    int get() const { return fd_; }
+    bool valid() const { return fd_ >= 0; }
+    void reset(int fd = -1)
+    {
+        if (fd_ >= 0) {
+            int e = errno;
+
+            close(fd_);
+            errno = e;
+        }
+        fd_ = fd;
+    }
+
+private:
+    int fd_ = -1;
+};
+
+} // namespace
 
 /* Nodes of the real /dev that the sandbox's /dev shows again. */
 static const struct dev_entry {
@@ -64,9 +100,9 @@ static const char *const board_targets[SRC_COUNT] = {
 };
 
 struct sources {
-    int board[SRC_COUNT];
-    int dev[NELEM(dev_entries)];
-    int log;
+    UniqueFd board[SRC_COUNT];
+    UniqueFd dev[NELEM(dev_entries)];
+    UniqueFd log;
 };
 
 static int fail(const char *what, const char *path)
@@ -132,22 +168,10 @@ int sim_enter_mount_namespace(void)
     return 0;
 }
 
-static int open_path(const char *path, int *fd)
+static int open_path(const char *path, UniqueFd *fd)
 {
-    *fd = open(path, O_PATH | O_CLOEXEC);
-    return *fd < 0 ? fail("open", path) : 0;
-}
-
-static void close_sources(struct sources *s)
-{
-    for (size_t i = 0; i < SRC_COUNT; i++)
-        if (s->board[i] >= 0)
-            close(s->board[i]);
-    for (size_t i = 0; i < NELEM(dev_entries); i++)
-        if (s->dev[i] >= 0)
-            close(s->dev[i]);
-    if (s->log >= 0)
-        close(s->log);
+    fd->reset(open(path, O_PATH | O_CLOEXEC));
+    return fd->valid() ? 0 : fail("open", path);
 }
 
 static int open_dev_sources(struct sources *s, const char *socket)
@@ -234,11 +258,11 @@ static int dev_path(char *buf, size_t size, const char *name)
     return n < 0 || (size_t)n >= size ? -1 : 0;
 }
 
-static int add_dev_entry(const struct dev_entry *d, int fd)
+static int add_dev_entry(const struct dev_entry *d, const UniqueFd &fd)
 {
     char path[PATH_MAX];
 
-    if (fd < 0)
+    if (!fd.valid())
         return 0;
     dev_path(path, sizeof(path), d->name);
     if (d->dir) {
@@ -247,7 +271,7 @@ static int add_dev_entry(const struct dev_entry *d, int fd)
     } else if (make_file(path, 0666) < 0) {
         return -1;
     }
-    return bind_fd(fd, path);
+    return bind_fd(fd.get(), path);
 }
 
 /* A fresh /dev whose "log" is the test's datagram socket. */
@@ -267,17 +291,17 @@ static int setup_dev(const struct sources *s)
     }
     if (make_file(TARGET_DEV_LOG, 0666) < 0)
         return -1;
-    return bind_fd(s->log, TARGET_DEV_LOG);
+    return bind_fd(s->log.get(), TARGET_DEV_LOG);
 }
 
 static int mount_all(const struct sources *s)
 {
     for (size_t i = 0; i < SRC_COUNT; i++) {
         if (ensure_dir(board_targets[i]) < 0 ||
-            bind_fd(s->board[i], board_targets[i]) < 0)
+            bind_fd(s->board[i].get(), board_targets[i]) < 0)
             return -1;
     }
-    if (s->log >= 0)
+    if (s->log.valid())
         return setup_dev(s);
     return 0;
 }
@@ -286,26 +310,19 @@ int sim_board_enter(const struct sim_board *b,
                     const struct sim_sandbox_opts *opts)
 {
     struct sources s;
-    int rc, e;
 
     last_error[0] = '\0';
     if (!b) {
         errno = EINVAL;
         return fail("enter", "(no board)");
     }
-    memset(&s, -1, sizeof(s));
     if (sim_enter_mount_namespace() < 0)
         return -1;
     /* A bind source must belong to the namespace doing the mount. */
-    rc = open_sources(b, opts, &s);
-    if (rc == 0)
-        rc = mount_all(&s);
-    e = errno;
-    close_sources(&s);
-    if (rc == 0)
-        last_error[0] = '\0'; /* optional /dev entries may be absent */
-    errno = e;
-    return rc;
+    if (open_sources(b, opts, &s) < 0 || mount_all(&s) < 0)
+        return -1;
+    last_error[0] = '\0'; /* optional /dev entries may be absent */
+    return 0;
 }
 
 /* A program named by a path is opened before the sandbox's mounts, which
@@ -328,27 +345,160 @@ static void exec_program(int program_fd, char *const argv[])
         execvp(argv[0], argv);
 }
 
+/*
+ * How a child tells its parent that it could not enter the sandbox: errno,
+ * then the text of sim_board_last_error, on a close-on-exec pipe.  End of
+ * file with nothing read means the child got as far as exec.
+ */
+struct child_report {
+    int error;
+    char text[sizeof(last_error)];
+};
+
+static void send_report(int fd)
+{
+    struct child_report r;
+    size_t len = strlen(last_error);
+
+    r.error = errno;
+    memcpy(r.text, last_error, len);
+    (void)!write(fd, &r, offsetof(struct child_report, text) + len);
+}
+
+/* True when the child sent a report; r->text is then terminated. */
+static bool receive_report(int fd, struct child_report *r)
+{
+    char *p = reinterpret_cast<char *>(r);
+    size_t room = sizeof(*r) - 1, got = 0;
+
+    for (;;) {
+        ssize_t n = read(fd, p + got, room - got);
+
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0 || (got += (size_t)n) == room)
+            break;
+    }
+    if (got < offsetof(struct child_report, text))
+        return false;
+    p[got] = '\0';
+    return true;
+}
+
+/* The child that failed to enter the sandbox is reaped; its reason becomes
+ * this thread's last error. */
+static int child_failed(pid_t pid, const struct child_report *r)
+{
+    int status;
+
+    while (waitpid(pid, &status, 0) < 0 && errno == EINTR)
+        ;
+    snprintf(last_error, sizeof(last_error), "%s", r->text);
+    errno = r->error;
+    return -1;
+}
+
 pid_t sim_board_spawn(const struct sim_board *b,
                       const struct sim_sandbox_opts *opts, char *const argv[])
 {
-    int program_fd;
+    struct child_report report;
+    UniqueFd report_read, report_write;
+    int fds[2];
     pid_t pid;
 
+    last_error[0] = '\0';
     if (!b || !argv || !argv[0]) {
         errno = EINVAL;
-        return -1;
+        return fail("spawn", "(no board or no program)");
     }
+    if (pipe2(fds, O_CLOEXEC) < 0)
+        return fail("pipe", "(spawn)");
+    report_read.reset(fds[0]);
+    report_write.reset(fds[1]);
     pid = fork();
-    if (pid != 0)
-        return pid;
-    program_fd = open_program(argv[0]);
-    if (sim_board_enter(b, opts) < 0) {
-        dprintf(STDERR_FILENO, "simboard: sandbox: %s\n", last_error);
+    if (pid < 0)
+        return fail("fork", argv[0]);
+    if (pid == 0) {
+        int program_fd = open_program(argv[0]);
+
+        if (sim_board_enter(b, opts) < 0) {
+            send_report(report_write.get());
+            _exit(127);
+        }
+        exec_program(program_fd, argv);
+        dprintf(STDERR_FILENO, "simboard: exec %s: %s\n", argv[0],
+                strerror(errno));
         _exit(127);
     }
-    exec_program(program_fd, argv);
-    dprintf(STDERR_FILENO, "simboard: exec %s: %s\n", argv[0], strerror(errno));
-    _exit(127);
+    report_write.reset();
+    if (receive_report(report_read.get(), &report))
+        return child_failed(pid, &report);
+    return pid;
+}
+
+/* What the sandbox needs, tried in a child: a mount namespace of its own,
+ * a tmpfs and a bind mount in it. */
+static int probe_sandbox(void)
+{
+    if (sim_enter_mount_namespace() < 0)
+        return -1;
+    if (mount("tmpfs", TARGET_TMP, "tmpfs", 0, "mode=0700") < 0)
+        return fail("mount tmpfs on", TARGET_TMP);
+    if (mount(TARGET_TMP, TARGET_TMP, NULL, MS_BIND, NULL) < 0)
+        return fail("bind mount over", TARGET_TMP);
+    return 0;
+}
+
+#define SANDBOX_ADVICE                                                         \
+    "run as root, or allow unprivileged user namespaces (sysctl "              \
+    "kernel.unprivileged_userns_clone=1 / user.max_user_namespaces), or in a " \
+    "container grant CAP_SYS_ADMIN"
+
+bool sim_sandbox_available(std::string *why)
+{
+    struct child_report report;
+    UniqueFd report_read, report_write;
+    int fds[2];
+    int status = 0;
+    pid_t pid;
+    bool failed;
+
+    if (pipe2(fds, O_CLOEXEC) < 0) {
+        report.error = errno;
+        snprintf(report.text, sizeof(report.text), "pipe: %s",
+                 strerror(report.error));
+        failed = true;
+    } else {
+        report_read.reset(fds[0]);
+        report_write.reset(fds[1]);
+        pid = fork();
+        if (pid == 0) {
+            if (probe_sandbox() < 0) {
+                send_report(report_write.get());
+                _exit(1);
+            }
+            _exit(0);
+        }
+        report_write.reset();
+        if (pid < 0) {
+            snprintf(report.text, sizeof(report.text), "fork: %s",
+                     strerror(errno));
+            failed = true;
+        } else {
+            failed = receive_report(report_read.get(), &report);
+            while (waitpid(pid, &status, 0) < 0 && errno == EINTR)
+                ;
+            if (!failed && !(WIFEXITED(status) && WEXITSTATUS(status) == 0)) {
+                snprintf(report.text, sizeof(report.text),
+                         "the probe ended with status 0x%x", status);
+                failed = true;
+            }
+        }
+    }
+    if (failed && why)
+        *why = std::string("the sandbox cannot be entered here: ") +
+               report.text + "; " SANDBOX_ADVICE;
+    return !failed;
 }
 
 static long long now_ms(void)

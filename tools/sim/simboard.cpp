@@ -1,7 +1,4 @@
-/* The simulated board's directory tree and its register window (host.md 4). */
-#ifndef _GNU_SOURCE
-#endif
-
+/* The simulated board's directory tree and its register window. */
 #include "simboard.hpp"
 #include "simboard_internal.hpp"
 
@@ -10,7 +7,6 @@
 #include <fcntl.h>
 #include <ftw.h>
 #include <limits.h>
-#include <stdbool.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -284,14 +280,10 @@ static int remove_tree(const char *path, bool keep_top)
                 FTW_DEPTH | FTW_PHYS | FTW_MOUNT);
 }
 
-static int prepare_root(const char *root, char *real, bool *created)
+static int check_root(const char *root, char *real)
 {
-    struct stat st;
     int empty;
 
-    *created = stat(root, &st) < 0;
-    if (*created && sim_mkdir_p(root, 0755) < 0)
-        return -1;
     if (!realpath(root, real))
         return -1;
     empty = dir_is_empty(real);
@@ -302,6 +294,24 @@ static int prepare_root(const char *root, char *real, bool *created)
         return -1;
     }
     return 0;
+}
+
+/* A root that this call made is removed again when it cannot be used. */
+static int prepare_root(const char *root, char *real, bool *created)
+{
+    struct stat st;
+    int e;
+
+    *created = stat(root, &st) < 0;
+    if (*created && sim_mkdir_p(root, 0755) < 0)
+        return -1;
+    if (check_root(root, real) == 0)
+        return 0;
+    e = errno;
+    if (*created)
+        rmdir(root);
+    errno = e;
+    return -1;
 }
 
 /* Each place of a board below its parent; a null name is the window,

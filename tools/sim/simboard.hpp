@@ -1,6 +1,6 @@
 /*
  * simboard: a simulated accelerator board for running the daemon, setpci,
- * lspci and libpciaccess unmodified on a host without the FPGA (host.md 4).
+ * lspci and libpciaccess unmodified on a host without the FPGA.
  *
  * A board is a directory tree:
  *   ROOT/sys/0000:03:00.0/   one sysfs PCI function; resourceN is the window
@@ -19,6 +19,8 @@
 #include <stddef.h>
 #include <stdint.h>
 #include <sys/types.h>
+
+#include <string>
 
 #define SIM_BOARD_SLOT   "0000:03:00.0"
 #define SIM_BOARD_VENDOR 0x1c7a
@@ -88,21 +90,43 @@ struct sim_sandbox_opts {
 };
 
 /*
+ * Whether this process can enter the sandbox here.  A child tries what the
+ * sandbox needs (a mount namespace, through a user namespace when
+ * unprivileged, and a tmpfs and a bind mount in it) and is reaped; the
+ * caller is left as it was.  Takes a few milliseconds.  When it cannot,
+ * returns false and, when why is not NULL, sets *why to one line saying
+ * which step failed and what to do, e.g.
+ *   the sandbox cannot be entered here: unshare (user and mount namespace):
+ *   Operation not permitted; run as root, or allow unprivileged user
+ *   namespaces (sysctl kernel.unprivileged_userns_clone=1 /
+ *   user.max_user_namespaces), or in a container grant CAP_SYS_ADMIN
+ * Programs check it before they make a board and spawn (lhsim run), tests
+ * before they need the sandbox (skipped with *why).
+ */
+bool sim_sandbox_available(std::string *why);
+
+/* A mount namespace of the caller's own (through a user namespace when
+ * unprivileged), its mounts not propagated back. */
+int sim_enter_mount_namespace(void);
+/*
  * Moves the calling process into the sandbox (opts may be NULL).  Without
  * CAP_SYS_ADMIN it uses a user namespace in which the caller is root.  Call
  * it before starting threads.
  */
-/* A mount namespace of the caller's own (through a user namespace when
- * unprivileged), its mounts not propagated back. */
-int sim_enter_mount_namespace(void);
 int sim_board_enter(const struct sim_board *b,
                     const struct sim_sandbox_opts *opts);
-/* fork + sim_board_enter + execvp; a failing child says why, exits 127. */
+/*
+ * fork + sim_board_enter + execvp.  Returns once the child has entered the
+ * sandbox: a child that could not is reaped at once and -1 returned, with
+ * its errno and sim_board_last_error() saying which step failed.  A child
+ * whose exec fails says why on stderr and exits 127.  Makes no files.
+ */
 pid_t sim_board_spawn(const struct sim_board *b,
                       const struct sim_sandbox_opts *opts, char *const argv[]);
 /* Waits at most timeout_ms, then kills with SIGKILL, reaps, ETIMEDOUT. */
 int sim_wait(pid_t pid, int timeout_ms, int *status);
-/* Which step of this thread's last sim_board_enter failed, and why. */
+/* Which step of this thread's last sim_board_enter or sim_board_spawn
+ * failed, and why. */
 const char *sim_board_last_error(void);
 
 /* Syslog listener: a datagram socket standing in for /dev/log */

@@ -1,7 +1,4 @@
 /* A datagram socket that receives what syslog(3) sends to /dev/log. */
-#ifndef _GNU_SOURCE
-#endif
-
 #include "simboard.hpp"
 
 #include <ctype.h>
