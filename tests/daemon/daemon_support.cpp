@@ -4,7 +4,7 @@
 
 #include "thread_monitor.hpp"
 
-void free_monitor_entries(void)
+void free_monitor_entries()
 {
     plm_thread_monitor_entry *head = &plm_thread_monitor_list;
 

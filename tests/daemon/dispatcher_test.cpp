@@ -1,10 +1,17 @@
-/* Parts 1.5 and 1.6: the receive callback, the length check, error replies
- * and every operation of the dispatcher, against a fake library and a fake
+/* The receive callback, the length check, error replies and every
+ * operation of the dispatcher, against a fake library and a fake
  * transport. */
+#include <ctype.h>
 #include <stdlib.h>
 #include <string.h>
 
-#include "cmocka_all.h"
+#include <array>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
 #include "dispatcher.hpp"
 #include "fake_ipc.hpp"
 #include "fake_lh.hpp"
@@ -13,132 +20,185 @@
 #include "plm_log.hpp"
 #include "private_tmp.hpp"
 
-#define CLIENT 0x11u
-#define JUNK 0xA5A5A5A5u
+namespace {
 
-static int fail_next_calloc;
+constexpr uint32_t kClient = 0x11u;
+constexpr uint32_t kJunk = 0xA5A5A5A5u;
 
-void *__real_calloc(size_t count, size_t size);
+/* The next calloc returns null when set; every later one succeeds. */
+bool fail_next_calloc;
 
-void *__wrap_calloc(size_t count, size_t size)
+} // namespace
+
+extern "C" void *__real_calloc(size_t count, size_t size);
+
+extern "C" void *__wrap_calloc(size_t count, size_t size)
 {
     if (fail_next_calloc) {
-        fail_next_calloc = 0;
-        return NULL;
+        fail_next_calloc = false;
+        return nullptr;
     }
     return __real_calloc(count, size);
 }
 
-/* The module list the dispatcher caches; tests change its content. */
-static lh_module_entry module_list[17];
+namespace {
 
-static const lh_module_entry base_two_pipes[17] = {
+using ModuleList = std::array<lh_module_entry, 17>;
+
+constexpr ModuleList base_two_pipes = { {
     { 0, 0 }, { 1, 0 }, { 2, 0 }, { 2, 1 }, { 3, 0 }, { 3, 1 },
     { 4, 0 }, { 4, 1 }, { 5, 0 }, { 5, 1 }, { 6, 0 }, { 6, 1 },
     { 7, 0 }, { 7, 1 }, { 8, 0 }, { 8, 1 }, { LH_MOD_END, 0 },
-};
+} };
 
-static int setup(void **state)
+/* The module list the dispatcher caches; tests change its content. */
+ModuleList module_list;
+
+/* Sends a request through the receive callback, as the IPC thread does;
+ * `bytes` null sends no payload. */
+void request_of_type(uint32_t op_id, const void *bytes, uint32_t length,
+                     uint8_t msg_type)
 {
-    (void)state;
-    fake_lh_reset();
-    fake_ipc_reset();
-    memcpy(module_list, base_two_pipes, sizeof(module_list));
-    fake_lh.module_list = module_list;
-    log_expect_start(&plm_log_file);
-    return 0;
-}
+    std::vector<uint8_t> payload;
+    plm_ipc_msg msg = {};
 
-static int teardown(void **state)
-{
-    (void)state;
-    log_expect_stop();
-    return 0;
-}
+    msg.addr0 = kClient;
+    msg.addr1 = PLM_IPC_APP_ID;
+    msg.op_id = op_id;
+    msg.msg_type = msg_type;
+    msg.payload_len = length;
+    if (bytes != nullptr) {
+        const uint8_t *first = static_cast<const uint8_t *>(bytes);
 
-/* Sends a request through the receive callback, as the IPC thread does. */
-static void request_of_type(uint32_t op_id, const uint32_t *words,
-                            uint32_t length, uint8_t msg_type)
-{
-    plm_ipc_msg msg = {
-        .addr0 = CLIENT,
-        .addr1 = PLM_IPC_APP_ID,
-        .op_id = op_id,
-        .msg_type = msg_type,
-        .payload_len = length,
-    };
-
-    if (words != NULL) {
-        msg.payload = malloc(length > 0 ? length : 1);
-        memcpy(msg.payload, words, length);
+        /* Exactly `length` bytes (one for none), so a read past the
+         * request's end shows under the address sanitizer. */
+        payload.assign(first, first + length);
+        if (payload.empty())
+            payload.push_back(0);
+        msg.payload = payload.data();
     }
-    plm_ipc_server_callback(NULL, &msg);
-    free(msg.payload);
+    plm_ipc_server_callback(nullptr, &msg);
 }
 
-static void request(uint32_t op_id, const uint32_t *words, uint32_t length)
+void request(uint32_t op_id, const void *bytes, uint32_t length)
 {
-    request_of_type(op_id, words, length, PLM_IPC_MSG_REQUEST);
+    request_of_type(op_id, bytes, length, PLM_IPC_MSG_REQUEST);
 }
 
-static void assert_record(const plm_ipc_msg *record, uint32_t op_id,
-                          uint32_t length)
+/* Equal bytes, or the first offset where they differ. */
+::testing::AssertionResult same_bytes(const std::vector<uint8_t> &actual,
+                                      const void *expected, size_t length)
 {
-    assert_int_equal(record->addr0, PLM_IPC_APP_ID);
-    assert_int_equal(record->addr1, CLIENT);
-    assert_int_equal(record->op_id, op_id);
-    assert_int_equal(record->aux_byte, 1);
-    assert_int_equal(record->msg_type, PLM_IPC_MSG_REPLY);
-    assert_int_equal(record->payload_len, length);
+    const uint8_t *bytes = static_cast<const uint8_t *>(expected);
+
+    if (actual.size() != length)
+        return ::testing::AssertionFailure()
+               << actual.size() << " payload bytes, expected " << length;
+    for (size_t i = 0; i < length; i++)
+        if (actual[i] != bytes[i])
+            return ::testing::AssertionFailure()
+                   << "payload byte " << i << " is 0x" << std::hex
+                   << unsigned{ actual[i] } << ", expected 0x"
+                   << unsigned{ bytes[i] };
+    return ::testing::AssertionSuccess();
 }
 
-static void assert_reply(uint32_t op_id, const void *bytes, uint32_t length)
+void expect_record(const plm_ipc_msg &record, uint32_t op_id,
+                   uint32_t length)
 {
-    assert_int_equal(fake_ipc.sent_count, 1);
-    assert_record(&fake_ipc.sent[0].record, op_id, length);
+    EXPECT_EQ(record.addr0, uint32_t{ PLM_IPC_APP_ID });
+    EXPECT_EQ(record.addr1, kClient);
+    EXPECT_EQ(record.op_id, op_id);
+    EXPECT_EQ(record.aux_byte, 1u);
+    EXPECT_EQ(record.msg_type, uint8_t{ PLM_IPC_MSG_REPLY });
+    EXPECT_EQ(record.payload_len, length);
+}
+
+/* The one record sent is the reply `op_id` with these payload bytes. */
+void expect_reply(uint32_t op_id, const void *bytes, uint32_t length)
+{
+    ASSERT_EQ(fake_ipc.sent.size(), 1u);
+    const FakeSent &sent = fake_ipc.sent[0];
+    expect_record(sent.record, op_id, length);
     if (length == 0)
-        assert_null(fake_ipc.sent[0].record.payload);
+        EXPECT_EQ(sent.record.payload, nullptr);
     else
-        assert_memory_equal(fake_ipc.sent[0].payload, bytes, length);
+        EXPECT_TRUE(same_bytes(sent.payload, bytes, length));
 }
 
-static void assert_error_reply(uint32_t op_id, uint32_t length,
-                               uint32_t code)
+/* The one record sent is an error reply to `op_id` carrying the request's
+ * length and `code`. */
+void expect_error_reply(uint32_t op_id, uint32_t length, uint32_t code)
 {
     const uint32_t expected[3] = { op_id, length, code };
 
-    assert_reply(PLM_IPC_OP_ERROR, expected, sizeof(expected));
+    expect_reply(PLM_IPC_OP_ERROR, expected, sizeof(expected));
 }
 
-static void assert_calls(const char *const *calls, size_t count)
+void expect_calls(const std::vector<std::string> &calls)
 {
-    assert_int_equal(fake_lh.call_count, count);
-    for (size_t i = 0; i < count; i++)
-        assert_string_equal(fake_lh.calls[i], calls[i]);
+    EXPECT_EQ(fake_lh.calls, calls);
 }
 
-static void restart(void)
+/* Forgets what was sent and called, for the next request. */
+void restart()
 {
     fake_ipc_reset();
-    fake_lh.call_count = 0;
+    fake_lh.calls.clear();
 }
 
-/* Runs first: nothing has fetched the module list yet. */
-static void test_module_list_fetch_failure_is_retried(void **state)
+/* A dispatcher that has not fetched the module list yet. */
+class DispatcherFirstUseTest : public PrivateTmpTest {
+protected:
+    void SetUp() override
+    {
+        PrivateTmpTest::SetUp();
+        if (IsSkipped())
+            return;
+        fake_lh_reset();
+        fake_ipc_reset();
+        module_list = base_two_pipes;
+        fake_lh.module_list = module_list.data();
+        log_expect_start(&plm_log_file);
+    }
+
+    void TearDown() override
+    {
+        log_expect_stop();
+    }
+};
+
+/* A dispatcher that has served requests before: both of its module lists
+ * are fetched and cached (pointing at `module_list`), as the daemon runs
+ * most of its life. */
+class DispatcherTest : public DispatcherFirstUseTest {
+protected:
+    void SetUp() override
+    {
+        DispatcherFirstUseTest::SetUp();
+        if (IsSkipped() || HasFatalFailure())
+            return;
+        request(PLM_IPC_OP_GET_MODULE_LIST, nullptr, 0);
+        ASSERT_TRUE(plm_module_pipe_valid(0, 0));
+        ASSERT_EQ(fake_ipc.sent.size(), 1u);
+        restart();
+    }
+};
+
+TEST_F(DispatcherFirstUseTest, ModuleListFetchFailureIsRetried)
 {
     static const uint32_t stats[4] = { 3, 1, 0, 0 };
 
-    (void)state;
     fake_lh.module_list_result = -1;
-    request(PLM_IPC_OP_GET_MODULE_LIST, NULL, 0);
+    request(PLM_IPC_OP_GET_MODULE_LIST, nullptr, 0);
     expect_log(LOG_ERR, "Error: failed to retrieve module list");
-    assert_error_reply(PLM_IPC_OP_GET_MODULE_LIST, 0, 8);
+    expect_error_reply(PLM_IPC_OP_GET_MODULE_LIST, 0, 8);
     restart();
     request(PLM_IPC_OP_GET_STATS, stats, sizeof(stats));
     expect_log(LOG_CRIT, "Error: failed to retrieve module list");
     expect_log(LOG_ERR, "Error: PLM process IPC get stats failed - invalid "
                         "module/pipe (3/1)");
-    assert_error_reply(PLM_IPC_OP_GET_STATS, 16, 6);
+    expect_error_reply(PLM_IPC_OP_GET_STATS, 16, 6);
     expect_no_more_logs();
 
     /* Both caches fetch again, once each, and then keep the list. */
@@ -146,350 +206,378 @@ static void test_module_list_fetch_failure_is_retried(void **state)
     restart();
     request(PLM_IPC_OP_GET_STATS, stats, sizeof(stats));
     request(PLM_IPC_OP_GET_STATS, stats, sizeof(stats));
-    request(PLM_IPC_OP_GET_MODULE_LIST, NULL, 0);
-    request(PLM_IPC_OP_GET_MODULE_LIST, NULL, 0);
-    assert_int_equal(fake_ipc.sent_count, 4);
-    assert_string_equal(fake_lh.calls[0], "lh_get_module_list()");
-    assert_string_equal(fake_lh.calls[1], "lh_get_statistics(3, 1, 256)");
-    assert_string_equal(fake_lh.calls[2], "lh_get_statistics(3, 1, 256)");
-    assert_string_equal(fake_lh.calls[3], "lh_get_module_list()");
-    assert_string_equal(fake_lh.calls[4], "lh_get_module_state(0, 0)");
+    request(PLM_IPC_OP_GET_MODULE_LIST, nullptr, 0);
+    request(PLM_IPC_OP_GET_MODULE_LIST, nullptr, 0);
+    EXPECT_EQ(fake_ipc.sent.size(), 4u);
+    EXPECT_EQ(fake_lh.call(0), "lh_get_module_list()");
+    EXPECT_EQ(fake_lh.call(1), "lh_get_statistics(3, 1, 256)");
+    EXPECT_EQ(fake_lh.call(2), "lh_get_statistics(3, 1, 256)");
+    EXPECT_EQ(fake_lh.call(3), "lh_get_module_list()");
+    EXPECT_EQ(fake_lh.call(4), "lh_get_module_state(0, 0)");
     expect_no_more_logs();
 }
 
-struct checked_op {
+struct CheckedOp {
+    const char *name;
     uint32_t op_id;
     uint32_t length;
 };
 
-static const struct checked_op checked_ops[] = {
-    { PLM_IPC_OP_READ_REG, 8 },        { PLM_IPC_OP_WRITE_REG, 8 },
-    { PLM_IPC_OP_SET_LOOPBACK, 8 },    { PLM_IPC_OP_GET_LOOPBACK, 8 },
-    { PLM_IPC_OP_GET_STATS, 16 },      { PLM_IPC_OP_CLEAR_STATS, 16 },
-    { PLM_IPC_OP_SET_PIPE, 8 },        { PLM_IPC_OP_SET_INGRESS_QOS, 12 },
-    { PLM_IPC_OP_GET_INGRESS_QOS, 12 },
+constexpr CheckedOp checked_ops[] = {
+    { "ReadReg", PLM_IPC_OP_READ_REG, 8 },
+    { "WriteReg", PLM_IPC_OP_WRITE_REG, 8 },
+    { "SetLoopback", PLM_IPC_OP_SET_LOOPBACK, 8 },
+    { "GetLoopback", PLM_IPC_OP_GET_LOOPBACK, 8 },
+    { "GetStats", PLM_IPC_OP_GET_STATS, 16 },
+    { "ClearStats", PLM_IPC_OP_CLEAR_STATS, 16 },
+    { "SetPipe", PLM_IPC_OP_SET_PIPE, 8 },
+    { "SetIngressQos", PLM_IPC_OP_SET_INGRESS_QOS, 12 },
+    { "GetIngressQos", PLM_IPC_OP_GET_INGRESS_QOS, 12 },
 };
 
-static void test_length_one_off_answers_code_1_with_client_length(void **state)
+void PrintTo(const CheckedOp &op, std::ostream *out)
 {
-    uint32_t words[8] = { 0 };
+    *out << op.name << " (length " << op.length << ")";
+}
 
-    (void)state;
-    for (size_t i = 0; i < sizeof(checked_ops) / sizeof(checked_ops[0]);
-         i++) {
-        const struct checked_op *op = &checked_ops[i];
+class DispatcherLengthTest
+    : public DispatcherTest,
+      public ::testing::WithParamInterface<CheckedOp> {};
 
-        restart();
-        request(op->op_id, words, op->length - 1);
-        assert_error_reply(op->op_id, op->length - 1, 1);
-        restart();
-        request(op->op_id, words, op->length + 1);
-        assert_error_reply(op->op_id, op->length + 1, 1);
-        restart();
-        request(op->op_id, NULL, op->length);
-        assert_error_reply(op->op_id, op->length, 2);
-        assert_int_equal(fake_lh.call_count, 0);
+TEST_P(DispatcherLengthTest, LengthOneOffAnswersCode1WithClientLength)
+{
+    const CheckedOp &op = GetParam();
+    const uint32_t words[8] = {};
+
+    {
+        SCOPED_TRACE("one byte short");
+        request(op.op_id, words, op.length - 1);
+        expect_error_reply(op.op_id, op.length - 1, 1);
     }
+    restart();
+    {
+        SCOPED_TRACE("one byte long");
+        request(op.op_id, words, op.length + 1);
+        expect_error_reply(op.op_id, op.length + 1, 1);
+    }
+    restart();
+    {
+        SCOPED_TRACE("no payload");
+        request(op.op_id, nullptr, op.length);
+        expect_error_reply(op.op_id, op.length, 2);
+    }
+    EXPECT_EQ(fake_lh.calls.size(), 0u);
     expect_no_more_logs();
 }
 
-static void test_read_register(void **state)
-{
-    static const uint32_t words[2] = { 0x100, JUNK };
-    static const uint32_t reply[2] = { 0x100, 0xCAFEF00D };
-    static const char *const calls[] = { "lh_read_register(0x100)" };
+INSTANTIATE_TEST_SUITE_P(
+    Ops, DispatcherLengthTest, ::testing::ValuesIn(checked_ops),
+    [](const ::testing::TestParamInfo<CheckedOp> &info) {
+        return std::string(info.param.name);
+    });
 
-    (void)state;
+TEST_F(DispatcherTest, ReadRegister)
+{
+    static const uint32_t words[2] = { 0x100, kJunk };
+    static const uint32_t reply[2] = { 0x100, 0xCAFEF00D };
+
     fake_lh.register_value = 0xCAFEF00D;
     request(PLM_IPC_OP_READ_REG, words, 8);
-    assert_reply(PLM_IPC_OP_READ_REG, reply, 8);
-    assert_calls(calls, 1);
+    expect_reply(PLM_IPC_OP_READ_REG, reply, 8);
+    expect_calls({ "lh_read_register(0x100)" });
     restart();
     fake_lh.result = -1;
     request(PLM_IPC_OP_READ_REG, words, 8);
-    assert_error_reply(PLM_IPC_OP_READ_REG, 8, 3);
+    expect_error_reply(PLM_IPC_OP_READ_REG, 8, 3);
     expect_no_more_logs();
 }
 
-static void test_write_register(void **state)
+TEST_F(DispatcherTest, WriteRegister)
 {
     static const uint32_t words[2] = { 0x104, 0x55 };
-    static const char *const calls[] = { "lh_write_register(0x104, 0x55)" };
 
-    (void)state;
     request(PLM_IPC_OP_WRITE_REG, words, 8);
-    assert_reply(PLM_IPC_OP_WRITE_REG, words, 8);
-    assert_calls(calls, 1);
+    expect_reply(PLM_IPC_OP_WRITE_REG, words, 8);
+    expect_calls({ "lh_write_register(0x104, 0x55)" });
     restart();
     fake_lh.result = -1;
     request(PLM_IPC_OP_WRITE_REG, words, 8);
-    assert_error_reply(PLM_IPC_OP_WRITE_REG, 8, 4);
+    expect_error_reply(PLM_IPC_OP_WRITE_REG, 8, 4);
 }
 
-static void test_loopback(void **state)
+TEST_F(DispatcherTest, Loopback)
 {
     static const uint32_t set[2] = { 2, 1 };
-    static const uint32_t get[2] = { JUNK, 1 };
+    static const uint32_t get[2] = { kJunk, 1 };
     static const uint32_t got[2] = { 0x04, 1 };
-    static const char *const calls[] = { "lh_set_loopback(2, 1)",
-                                         "lh_get_loopback(1)" };
 
-    (void)state;
     fake_lh.loopback_type = 0x04;
     request(PLM_IPC_OP_SET_LOOPBACK, set, 8);
-    assert_reply(PLM_IPC_OP_SET_LOOPBACK, set, 8);
+    expect_reply(PLM_IPC_OP_SET_LOOPBACK, set, 8);
+    expect_calls({ "lh_set_loopback(2, 1)" });
     restart();
-    fake_lh.call_count = 0;
     request(PLM_IPC_OP_GET_LOOPBACK, get, 8);
-    assert_reply(PLM_IPC_OP_GET_LOOPBACK, got, 8);
-    assert_calls(&calls[1], 1);
+    expect_reply(PLM_IPC_OP_GET_LOOPBACK, got, 8);
+    expect_calls({ "lh_get_loopback(1)" });
     restart();
     fake_lh.result = -1;
     request(PLM_IPC_OP_SET_LOOPBACK, set, 8);
-    assert_error_reply(PLM_IPC_OP_SET_LOOPBACK, 8, 5);
+    expect_error_reply(PLM_IPC_OP_SET_LOOPBACK, 8, 5);
     restart();
     request(PLM_IPC_OP_GET_LOOPBACK, get, 8);
-    assert_error_reply(PLM_IPC_OP_GET_LOOPBACK, 8, 5);
+    expect_error_reply(PLM_IPC_OP_GET_LOOPBACK, 8, 5);
 }
 
-static void test_get_stats_reply_bytes(void **state)
+TEST_F(DispatcherTest, GetStatsReplyBytes)
 {
-    static const uint32_t words[4] = { 4, 1, JUNK, JUNK };
-    static uint8_t expected[16 + 8360];
-    static const char *const calls[] = { "lh_get_statistics(4, 1, 8360)" };
+    static const uint32_t words[4] = { 4, 1, kJunk, kJunk };
     const uint64_t size = 8360;
+    std::vector<uint8_t> expected(16 + size, 0xAB);
 
-    (void)state;
     fake_lh.stats_fill = 0xAB;
-    memcpy(expected, words, 8);
-    memcpy(expected + 8, &size, 8);
-    memset(expected + 16, 0xAB, 8360);
+    memcpy(expected.data(), words, 8);
+    memcpy(expected.data() + 8, &size, 8);
     request(PLM_IPC_OP_GET_STATS, words, 16);
-    assert_reply(PLM_IPC_OP_GET_STATS, expected, sizeof(expected));
-    assert_calls(calls, 1);
+    expect_reply(PLM_IPC_OP_GET_STATS, expected.data(),
+                 static_cast<uint32_t>(expected.size()));
+    expect_calls({ "lh_get_statistics(4, 1, 8360)" });
     restart();
     fake_lh.result = -1;
     request(PLM_IPC_OP_GET_STATS, words, 16);
-    assert_error_reply(PLM_IPC_OP_GET_STATS, 16, 6);
+    expect_error_reply(PLM_IPC_OP_GET_STATS, 16, 6);
     expect_no_more_logs();
 }
 
-static void test_get_stats_record_sizes(void **state)
+/* "ingress-pkt-parser" -> "IngressPktParser", for case names. */
+std::string camel_case(const char *name)
 {
-    static const uint32_t sizes[][2] = {
-        { 1, 16 }, { 3, 256 }, { 4, 8360 }, { 5, 120 },
-        { 6, 568 }, { 7, 136 }, { 8, 144 },
-    };
+    std::string text;
+    bool upper = true;
 
-    (void)state;
-    for (size_t i = 0; i < sizeof(sizes) / sizeof(sizes[0]); i++) {
-        uint32_t words[4] = { sizes[i][0], 0, 0, 0 };
-        char call[64];
-
-        restart();
-        request(PLM_IPC_OP_GET_STATS, words, 16);
-        snprintf(call, sizeof(call), "lh_get_statistics(%u, 0, %u)",
-                 sizes[i][0], sizes[i][1]);
-        assert_string_equal(fake_lh.calls[0], call);
-        assert_int_equal(fake_ipc.sent[0].record.payload_len,
-                         16 + sizes[i][1]);
+    for (; *name != '\0'; name++) {
+        if (*name == '-') {
+            upper = true;
+            continue;
+        }
+        text += upper ? static_cast<char>(toupper(*name)) : *name;
+        upper = false;
     }
+    return text;
 }
 
-static void test_get_stats_of_ddr4_answers_6_without_log(void **state)
+struct RecordSize {
+    uint32_t module_id;
+    uint32_t size;
+};
+
+void PrintTo(const RecordSize &row, std::ostream *out)
+{
+    *out << "module " << row.module_id << ", " << row.size << " bytes";
+}
+
+class DispatcherRecordSizeTest
+    : public DispatcherTest,
+      public ::testing::WithParamInterface<RecordSize> {};
+
+TEST_P(DispatcherRecordSizeTest, GetStatsRecordSizes)
+{
+    const RecordSize &row = GetParam();
+    const uint32_t words[4] = { row.module_id, 0, 0, 0 };
+
+    request(PLM_IPC_OP_GET_STATS, words, 16);
+    expect_calls({ format_text("lh_get_statistics(%u, 0, %u)", row.module_id,
+                               row.size) });
+    ASSERT_EQ(fake_ipc.sent.size(), 1u);
+    EXPECT_EQ(fake_ipc.sent[0].record.payload_len, 16 + row.size);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Modules, DispatcherRecordSizeTest,
+    ::testing::Values(RecordSize{ 1, 16 }, RecordSize{ 3, 256 },
+                      RecordSize{ 4, 8360 }, RecordSize{ 5, 120 },
+                      RecordSize{ 6, 568 }, RecordSize{ 7, 136 },
+                      RecordSize{ 8, 144 }),
+    [](const ::testing::TestParamInfo<RecordSize> &info) {
+        return camel_case(lh_module_names[info.param.module_id]);
+    });
+
+TEST_F(DispatcherTest, GetStatsOfDdr4Answers6WithoutLog)
 {
     static const uint32_t words[4] = { 2, 1, 0, 0 };
 
-    (void)state;
     request(PLM_IPC_OP_GET_STATS, words, 16);
-    assert_error_reply(PLM_IPC_OP_GET_STATS, 16, 6);
-    assert_int_equal(fake_lh.call_count, 0);
+    expect_error_reply(PLM_IPC_OP_GET_STATS, 16, 6);
+    EXPECT_EQ(fake_lh.calls.size(), 0u);
     expect_no_more_logs();
 }
 
-static void test_stats_of_absent_module_pipe(void **state)
+TEST_F(DispatcherTest, StatsOfAbsentModulePipe)
 {
     static const uint32_t absent[4] = { 11, 0, 0, 0 };
     static const uint32_t global_pipe_1[4] = { 0, 1, 0, 0 };
 
-    (void)state;
     request(PLM_IPC_OP_GET_STATS, absent, 16);
-    assert_error_reply(PLM_IPC_OP_GET_STATS, 16, 6);
+    expect_error_reply(PLM_IPC_OP_GET_STATS, 16, 6);
     expect_log(LOG_ERR, "Error: PLM process IPC get stats failed - invalid "
                         "module/pipe (11/0)");
     restart();
     /* Clear stats keeps the get-stats message and code 6, not 7. */
     request(PLM_IPC_OP_CLEAR_STATS, global_pipe_1, 16);
-    assert_error_reply(PLM_IPC_OP_CLEAR_STATS, 16, 6);
+    expect_error_reply(PLM_IPC_OP_CLEAR_STATS, 16, 6);
     expect_log(LOG_ERR, "Error: PLM process IPC get stats failed - invalid "
                         "module/pipe (0/1)");
     expect_no_more_logs();
-    assert_int_equal(fake_lh.call_count, 0);
+    EXPECT_EQ(fake_lh.calls.size(), 0u);
 }
 
-static void test_clear_stats(void **state)
+TEST_F(DispatcherTest, ClearStats)
 {
-    static const uint32_t words[4] = { 5, 1, JUNK, JUNK };
+    static const uint32_t words[4] = { 5, 1, kJunk, kJunk };
     static const uint32_t reply[4] = { 5, 1, 0, 0 };
-    static const char *const calls[] = { "lh_clear_statistics(5, 1)" };
 
-    (void)state;
     request(PLM_IPC_OP_CLEAR_STATS, words, 16);
-    assert_reply(PLM_IPC_OP_CLEAR_STATS, reply, 16);
-    assert_calls(calls, 1);
+    expect_reply(PLM_IPC_OP_CLEAR_STATS, reply, 16);
+    expect_calls({ "lh_clear_statistics(5, 1)" });
     restart();
     fake_lh.result = -1;
     request(PLM_IPC_OP_CLEAR_STATS, words, 16);
-    assert_error_reply(PLM_IPC_OP_CLEAR_STATS, 16, 7);
+    expect_error_reply(PLM_IPC_OP_CLEAR_STATS, 16, 7);
 }
 
-static void test_module_list_reply(void **state)
+TEST_F(DispatcherTest, ModuleListReply)
 {
-    uint8_t expected[16 * 12];
+    uint8_t expected[16 * 12] = {};
 
-    (void)state;
-    memset(expected, 0, sizeof(expected));
-    for (int i = 0; i < 16; i++) {
+    for (size_t i = 0; i < 16; i++) {
         memcpy(expected + 12 * i, &base_two_pipes[i].module_id, 4);
         memcpy(expected + 12 * i + 4, &base_two_pipes[i].pipe, 4);
     }
     fake_lh.module_states[3][1] = 1;
     expected[5 * 12 + 8] = 1;
-    request(PLM_IPC_OP_GET_MODULE_LIST, (const uint32_t *)"any", 3);
-    assert_reply(PLM_IPC_OP_GET_MODULE_LIST, expected, sizeof(expected));
-    assert_string_equal(fake_lh.calls[5], "lh_get_module_state(3, 1)");
+    request(PLM_IPC_OP_GET_MODULE_LIST, "any", 3);
+    expect_reply(PLM_IPC_OP_GET_MODULE_LIST, expected, sizeof(expected));
+    EXPECT_EQ(fake_lh.call(5), "lh_get_module_state(3, 1)");
 }
 
-static void test_module_list_state_unreadable_is_0(void **state)
+TEST_F(DispatcherTest, ModuleListStateUnreadableIs0)
 {
-    (void)state;
     fake_lh.module_states[3][1] = 1;
     fake_lh.module_state_result = -1;
-    request(PLM_IPC_OP_GET_MODULE_LIST, NULL, 0);
-    assert_int_equal(fake_ipc.sent_count, 1);
-    assert_int_equal(fake_ipc.sent[0].payload[5 * 12 + 8], 0);
+    request(PLM_IPC_OP_GET_MODULE_LIST, nullptr, 0);
+    ASSERT_EQ(fake_ipc.sent.size(), 1u);
+    ASSERT_EQ(fake_ipc.sent[0].payload.size(), 16u * 12u);
+    EXPECT_EQ(fake_ipc.sent[0].payload[5 * 12 + 8], 0u);
 }
 
-static void test_empty_module_list_has_length_0(void **state)
+TEST_F(DispatcherTest, EmptyModuleListHasLength0)
 {
-    (void)state;
     module_list[0].module_id = LH_MOD_END;
-    request(PLM_IPC_OP_GET_MODULE_LIST, NULL, 0);
-    assert_reply(PLM_IPC_OP_GET_MODULE_LIST, NULL, 0);
+    request(PLM_IPC_OP_GET_MODULE_LIST, nullptr, 0);
+    expect_reply(PLM_IPC_OP_GET_MODULE_LIST, nullptr, 0);
 }
 
-static void test_set_pipe(void **state)
+TEST_F(DispatcherTest, SetPipe)
 {
     static const uint32_t words[2] = { 1, 0xABABAB01 };
     static const uint32_t reply[2] = { 1, 0x01 };
-    static const char *const calls[] = { "lh_set_traffic_pipe_state(1, 1)" };
 
-    (void)state;
     request(PLM_IPC_OP_SET_PIPE, words, 8);
-    assert_reply(PLM_IPC_OP_SET_PIPE, reply, 8);
-    assert_calls(calls, 1);
+    expect_reply(PLM_IPC_OP_SET_PIPE, reply, 8);
+    expect_calls({ "lh_set_traffic_pipe_state(1, 1)" });
     restart();
     fake_lh.result = -1;
     request(PLM_IPC_OP_SET_PIPE, words, 8);
-    assert_error_reply(PLM_IPC_OP_SET_PIPE, 8, 9);
+    expect_error_reply(PLM_IPC_OP_SET_PIPE, 8, 9);
 }
 
-static void test_get_pipe(void **state)
+TEST_F(DispatcherTest, GetPipe)
 {
     static const uint32_t reply[4] = { 0, 1, 1, 0 };
 
-    (void)state;
     fake_lh.pipe_count = 2;
     fake_lh.pipe_states[0] = 1;
-    request(PLM_IPC_OP_GET_PIPE, NULL, 0);
-    assert_reply(PLM_IPC_OP_GET_PIPE, reply, 16);
+    request(PLM_IPC_OP_GET_PIPE, nullptr, 0);
+    expect_reply(PLM_IPC_OP_GET_PIPE, reply, 16);
 }
 
-static void test_get_pipe_failing_on_pipe_1_answers_only_10(void **state)
+TEST_F(DispatcherTest, GetPipeFailingOnPipe1AnswersOnly10)
 {
-    (void)state;
     fake_lh.pipe_count = 2;
     fake_lh.fail_call = 3; /* count, pipe 0, pipe 1 */
-    request(PLM_IPC_OP_GET_PIPE, NULL, 0);
-    assert_error_reply(PLM_IPC_OP_GET_PIPE, 0, 10);
-    assert_string_equal(fake_lh.calls[2], "lh_get_traffic_pipe_state(1)");
+    request(PLM_IPC_OP_GET_PIPE, nullptr, 0);
+    expect_error_reply(PLM_IPC_OP_GET_PIPE, 0, 10);
+    EXPECT_EQ(fake_lh.call(2), "lh_get_traffic_pipe_state(1)");
 }
 
-static void test_get_pipe_without_pipes_has_length_0(void **state)
+TEST_F(DispatcherTest, GetPipeWithoutPipesHasLength0)
 {
-    (void)state;
-    request(PLM_IPC_OP_GET_PIPE, NULL, 0);
-    assert_reply(PLM_IPC_OP_GET_PIPE, NULL, 0);
+    request(PLM_IPC_OP_GET_PIPE, nullptr, 0);
+    expect_reply(PLM_IPC_OP_GET_PIPE, nullptr, 0);
 }
 
-static void test_ingress_qos(void **state)
+TEST_F(DispatcherTest, IngressQos)
 {
     static const uint32_t set[3] = { 1, 5, 2 };
-    static const uint32_t get[3] = { 1, 5, JUNK };
+    static const uint32_t get[3] = { 1, 5, kJunk };
     static const uint32_t got[3] = { 1, 5, 2 };
 
-    (void)state;
     fake_lh.qos_priority = 2;
     request(PLM_IPC_OP_SET_INGRESS_QOS, set, 12);
-    assert_reply(PLM_IPC_OP_SET_INGRESS_QOS, set, 12);
-    assert_string_equal(fake_lh.calls[0], "lh_set_ingress_qos(1, 5, 2)");
+    expect_reply(PLM_IPC_OP_SET_INGRESS_QOS, set, 12);
+    EXPECT_EQ(fake_lh.call(0), "lh_set_ingress_qos(1, 5, 2)");
     restart();
     request(PLM_IPC_OP_GET_INGRESS_QOS, get, 12);
-    assert_reply(PLM_IPC_OP_GET_INGRESS_QOS, got, 12);
-    assert_string_equal(fake_lh.calls[0], "lh_get_ingress_qos(1, 5)");
+    expect_reply(PLM_IPC_OP_GET_INGRESS_QOS, got, 12);
+    EXPECT_EQ(fake_lh.call(0), "lh_get_ingress_qos(1, 5)");
     restart();
     fake_lh.result = -1;
     request(PLM_IPC_OP_SET_INGRESS_QOS, set, 12);
-    assert_error_reply(PLM_IPC_OP_SET_INGRESS_QOS, 12, 11);
+    expect_error_reply(PLM_IPC_OP_SET_INGRESS_QOS, 12, 11);
     restart();
     request(PLM_IPC_OP_GET_INGRESS_QOS, get, 12);
-    assert_error_reply(PLM_IPC_OP_GET_INGRESS_QOS, 12, 12);
+    expect_error_reply(PLM_IPC_OP_GET_INGRESS_QOS, 12, 12);
 }
 
-static void test_unknown_op_ids_get_no_answer(void **state)
+TEST_F(DispatcherTest, UnknownOpIdsGetNoAnswer)
 {
-    (void)state;
-    request(0xdb000d, NULL, 0);
-    request(PLM_IPC_OP_ERROR, NULL, 0);
-    assert_int_equal(fake_ipc.sent_count, 0);
+    request(0xdb000d, nullptr, 0);
+    request(PLM_IPC_OP_ERROR, nullptr, 0);
+    EXPECT_EQ(fake_ipc.sent.size(), 0u);
     expect_log(LOG_ERR, "Error: PLM IPC request - invalid op id 14352397");
     expect_log(LOG_ERR, "Error: PLM IPC request - invalid op id 14352385");
     expect_no_more_logs();
 }
 
-static void test_reply_type_gets_no_answer(void **state)
+TEST_F(DispatcherTest, ReplyTypeGetsNoAnswer)
 {
     static const uint32_t words[2] = { 0x100, 0 };
 
-    (void)state;
     request_of_type(PLM_IPC_OP_READ_REG, words, 8, PLM_IPC_MSG_REPLY);
-    assert_int_equal(fake_ipc.sent_count, 0);
-    assert_int_equal(fake_lh.call_count, 0);
+    EXPECT_EQ(fake_ipc.sent.size(), 0u);
+    EXPECT_EQ(fake_lh.calls.size(), 0u);
     expect_log(LOG_ERR,
                "Error: IPC Server Callback - unsupported msg type 2");
     expect_no_more_logs();
 }
 
-static void test_null_records(void **state)
+TEST_F(DispatcherTest, NullRecords)
 {
-    (void)state;
-    plm_ipc_server_callback(NULL, NULL);
-    plm_process_ipc_msg(NULL);
-    assert_false(plm_ipc_check_recv_length(NULL, 8));
-    plm_send_error_msg(NULL, 1);
+    plm_ipc_server_callback(nullptr, nullptr);
+    plm_process_ipc_msg(nullptr);
+    EXPECT_FALSE(plm_ipc_check_recv_length(nullptr, 8));
+    plm_send_error_msg(nullptr, 1);
     expect_log(LOG_ERR, "IPC Server Callback: Null pointer");
     expect_log(LOG_ERR, "Null pointer - PLM process IPC message");
     expect_log(LOG_ERR, "IPC check recv IPC length: Null pointer");
     expect_log(LOG_ERR, "PLM send error message: Null pointer");
     expect_no_more_logs();
-    assert_int_equal(fake_ipc.sent_count, 0);
+    EXPECT_EQ(fake_ipc.sent.size(), 0u);
 }
 
-static void test_send_failures_are_logged(void **state)
+TEST_F(DispatcherTest, SendFailuresAreLogged)
 {
     static const uint32_t words[2] = { 0x100, 0 };
 
-    (void)state;
     fake_ipc.send_result = 32;
     request(PLM_IPC_OP_READ_REG, words, 8);
     expect_log(LOG_ERR, "Error: PLM IPC request - send failure 32");
@@ -498,55 +586,22 @@ static void test_send_failures_are_logged(void **state)
     expect_no_more_logs();
 }
 
-static void test_allocation_failures_leave_no_reply(void **state)
+TEST_F(DispatcherTest, AllocationFailuresLeaveNoReply)
 {
     static const uint32_t words[2] = { 0x100, 0 };
 
-    (void)state;
-    fail_next_calloc = 1;
+    fail_next_calloc = true;
     request(PLM_IPC_OP_READ_REG, words, 8);
     expect_log(LOG_ERR, "Out of memory: PLM process IPC read register failed");
-    fail_next_calloc = 1;
+    fail_next_calloc = true;
     request(PLM_IPC_OP_READ_REG, words, 7);
     expect_log(LOG_ERR, "Out of memory: PLM send error message");
-    fail_next_calloc = 1;
+    fail_next_calloc = true;
     fake_lh.pipe_count = 2;
-    request(PLM_IPC_OP_GET_PIPE, NULL, 0);
+    request(PLM_IPC_OP_GET_PIPE, nullptr, 0);
     expect_log(LOG_ERR, "Out of memory: PLM process get pipe failed");
     expect_no_more_logs();
-    assert_int_equal(fake_ipc.sent_count, 0);
+    EXPECT_EQ(fake_ipc.sent.size(), 0u);
 }
 
-int main(void)
-{
-#define T(name) cmocka_unit_test_setup_teardown(name, setup, teardown)
-    const struct CMUnitTest tests[] = {
-        T(test_module_list_fetch_failure_is_retried),
-        T(test_length_one_off_answers_code_1_with_client_length),
-        T(test_read_register),
-        T(test_write_register),
-        T(test_loopback),
-        T(test_get_stats_reply_bytes),
-        T(test_get_stats_record_sizes),
-        T(test_get_stats_of_ddr4_answers_6_without_log),
-        T(test_stats_of_absent_module_pipe),
-        T(test_clear_stats),
-        T(test_module_list_reply),
-        T(test_module_list_state_unreadable_is_0),
-        T(test_empty_module_list_has_length_0),
-        T(test_set_pipe),
-        T(test_get_pipe),
-        T(test_get_pipe_failing_on_pipe_1_answers_only_10),
-        T(test_get_pipe_without_pipes_has_length_0),
-        T(test_ingress_qos),
-        T(test_unknown_op_ids_get_no_answer),
-        T(test_reply_type_gets_no_answer),
-        T(test_null_records),
-        T(test_send_failures_are_logged),
-        T(test_allocation_failures_leave_no_reply),
-    };
-
-    if (enter_private_tmp() != 0)
-        return 1;
-    return cmocka_run_group_tests(tests, NULL, NULL);
-}
+} // namespace

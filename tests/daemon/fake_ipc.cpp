@@ -6,11 +6,11 @@
 
 #include "plat_ipc.h"
 
-struct fake_ipc fake_ipc;
+FakeIpc fake_ipc;
 
-void fake_ipc_reset(void)
+void fake_ipc_reset()
 {
-    memset(&fake_ipc, 0, sizeof(fake_ipc));
+    fake_ipc = FakeIpc{};
 }
 
 uint64_t ipc_ctx_init(uint32_t app_id)
@@ -18,55 +18,39 @@ uint64_t ipc_ctx_init(uint32_t app_id)
     return app_id;
 }
 
-int ipc_ctx_init_proxy(uint64_t ctx, int mode,
-                       void (*cb)(void *unused, ipc_msg_t *msg), int flags)
+int ipc_ctx_init_proxy(uint64_t, int, ipc_recv_cb, int)
 {
-    (void)ctx;
-    (void)mode;
-    (void)cb;
-    (void)flags;
     return 0;
 }
 
-int ipc_ctx_add_endpoint(uint64_t ctx, uint32_t app_id, int type, int flags)
+int ipc_ctx_add_endpoint(uint64_t, uint32_t, int, int)
 {
-    (void)ctx;
-    (void)app_id;
-    (void)type;
-    (void)flags;
     return fake_ipc.add_endpoint_result;
 }
 
-int ipc_recv(uint64_t ctx, ipc_msg_t *msg, int timeout_ms)
+int ipc_recv(uint64_t, ipc_msg_t *msg, int)
 {
-    int call = fake_ipc.recv_calls++;
+    size_t call = fake_ipc.recv_calls++;
 
-    (void)ctx;
-    (void)timeout_ms;
     memset(msg, 0, sizeof(*msg));
-    if (call >= fake_ipc.recv_scripted)
-        pthread_exit(NULL);
+    if (call >= fake_ipc.recv_results.size())
+        pthread_exit(nullptr);
     return fake_ipc.recv_results[call];
 }
 
 /* Takes the payload over, as the real one does. */
-int ipc_send(uint64_t ctx, ipc_msg_t *msg, int flags)
+int ipc_send(uint64_t, ipc_msg_t *msg, int)
 {
-    (void)ctx;
-    (void)flags;
-    if (fake_ipc.sent_count < FAKE_IPC_MAX_SENT) {
-        struct fake_sent *sent = &fake_ipc.sent[fake_ipc.sent_count];
+    FakeSent &sent = fake_ipc.sent.emplace_back();
+    const uint8_t *bytes = static_cast<const uint8_t *>(msg->payload);
 
-        sent->record = *msg;
-        if (msg->payload != NULL && msg->payload_len <= FAKE_IPC_MAX_PAYLOAD)
-            memcpy(sent->payload, msg->payload, msg->payload_len);
-    }
-    fake_ipc.sent_count++;
+    sent.record = *msg;
+    if (bytes != nullptr)
+        sent.payload.assign(bytes, bytes + msg->payload_len);
     free(msg->payload);
     return fake_ipc.send_result;
 }
 
-void ipc_debug_msg(const ipc_msg_t *msg)
+void ipc_debug_msg(const ipc_msg_t *)
 {
-    (void)msg;
 }

@@ -1,37 +1,35 @@
 /* The platform IPC library as the daemon's unit tests set it: every sent
- * record is kept with a copy of its payload. */
-#ifndef FAKE_IPC_H
-#define FAKE_IPC_H
+ * record is kept with a copy of its payload, and ipc_recv returns what the
+ * test scripted. */
+#ifndef FAKE_IPC_HPP
+#define FAKE_IPC_HPP
 
 #include <stddef.h>
 #include <stdint.h>
 
+#include <vector>
+
 #include "ipc_msg.hpp"
 
-#define FAKE_IPC_MAX_SENT 8
-#define FAKE_IPC_MAX_PAYLOAD 9000
-
-struct fake_sent {
+struct FakeSent {
+    /* The record as sent; its payload pointer was freed by the send, the
+     * bytes are kept in `payload`. */
     plm_ipc_msg record;
-    uint8_t payload[FAKE_IPC_MAX_PAYLOAD];
+    std::vector<uint8_t> payload;
 };
 
-#define FAKE_IPC_MAX_RECV 4
-
-struct fake_ipc {
-    int send_result;
-    int add_endpoint_result;
+struct FakeIpc {
+    int send_result = 0;
+    int add_endpoint_result = 0;
     /* What each ipc_recv returns, in turn; past the last one the calling
      * thread ends, so a test can join the IPC server thread. */
-    int recv_results[FAKE_IPC_MAX_RECV];
-    int recv_scripted;
-    int recv_calls;
-    struct fake_sent sent[FAKE_IPC_MAX_SENT];
-    size_t sent_count;
+    std::vector<int> recv_results;
+    size_t recv_calls = 0;
+    std::vector<FakeSent> sent;
 };
 
-extern struct fake_ipc fake_ipc;
+extern FakeIpc fake_ipc;
 
-void fake_ipc_reset(void);
+void fake_ipc_reset();
 
 #endif

@@ -4,33 +4,32 @@
 #include <stdio.h>
 #include <string.h>
 
-struct fake_lh fake_lh;
+FakeLh fake_lh;
 
 const char *const lh_module_names[LH_MOD_COUNT + 1] = {
     "global", "pcie", "ddr4", "caui", "nic", "ingress-pkt-parser",
     "ingress-pkt-classifier", "ingress-pkt-processor", "egress-scheduler",
     "lhx-global", "lhx-pcie", "eth", "lhx-nic", "lhx-ingress-pkt-parser",
-    "lhx-egress-scheduler", NULL,
+    "lhx-egress-scheduler", nullptr,
 };
 
-void fake_lh_reset(void)
+void fake_lh_reset()
 {
-    memset(&fake_lh, 0, sizeof(fake_lh));
+    fake_lh = FakeLh{};
 }
 
+/* Records the call; returns -1 for the failing call, else the result. */
 __attribute__((format(printf, 1, 2))) static int record(const char *format,
                                                         ...)
 {
+    char text[128];
     va_list args;
-    size_t index = fake_lh.call_count++;
 
-    if (index < FAKE_LH_MAX_CALLS) {
-        va_start(args, format);
-        vsnprintf(fake_lh.calls[index], sizeof(fake_lh.calls[index]), format,
-                  args);
-        va_end(args);
-    }
-    if ((size_t)fake_lh.fail_call == index + 1)
+    va_start(args, format);
+    vsnprintf(text, sizeof(text), format, args);
+    va_end(args);
+    fake_lh.calls.emplace_back(text);
+    if (fake_lh.fail_call == fake_lh.calls.size())
         return -1;
     return fake_lh.result;
 }
@@ -77,8 +76,8 @@ int lh_get_statistics(uint32_t module_id, uint32_t pipe, void *buffer,
                       uint64_t size)
 {
     memset(buffer, fake_lh.stats_fill, size);
-    return record("lh_get_statistics(%u, %u, %lu)", module_id, pipe,
-                  (unsigned long)size);
+    return record("lh_get_statistics(%u, %u, %llu)", module_id, pipe,
+                  static_cast<unsigned long long>(size));
 }
 
 int lh_clear_statistics(uint32_t module_id, uint32_t pipe)

@@ -1,14 +1,13 @@
-/* The host IPC transport (host.md section 3, Part 1.5): a server context
- * served by a thread of the test, clients through the client API or raw
- * sockets for malformed and split frames. Runs with a private /run. */
+/* The host IPC transport: a server context served by a thread of the test,
+ * clients through the client API or raw sockets for malformed and split
+ * frames. Each case gets a fresh, empty /run of its own, unmounted when the
+ * case ends. */
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <grp.h>
 #include <poll.h>
-#include <pthread.h>
-#include <stdatomic.h>
-#include <stdbool.h>
+#include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -18,55 +17,82 @@
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <syslog.h>
-#include <time.h>
 #include <unistd.h>
 
-#include "cmocka_all.h"
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "log_expect.hpp"
 #include "plat_ipc.h"
+#include "private_tmp.hpp"
 #include "simboard.hpp"
 #include "syslog_capture.hpp"
 
 static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__,
-               "the wire bytes below are written little-endian");
+              "the wire bytes below are written little-endian");
 
-#define APP_ID         219
-#define RUN_ORVEL      "/run/orvel"
-#define SOCKET_DIR     "/run/orvel/ipc"
-#define SOCKET_PATH    "/run/orvel/ipc/219.sock"
-#define OTHER_APP_ID   220
-#define OTHER_PATH     "/run/orvel/ipc/220.sock"
-#define NOBODY         65534
-#define OP_READ_REG    0xdb0002u
-#define OP_WRITE_REG   0xdb0003u
-#define OP_GET_STATS   0xdb0006u
-#define NIC_STATS_SIZE 8360u
-#define REPLY_XOR      0x5a
-#define WAIT_MS        5000 /* no wait of a test lasts longer */
-#define QUIET_MS       100  /* enough for a message that is not coming */
-#define SERVER_POLL_MS 20
-#define MAX_SEEN       128
-#define HEADER         IPC_MSG_HEADER_SIZE
+namespace
+{
+
+constexpr uint32_t kAppId = 219;
+constexpr const char *kRunOrvel = "/run/orvel";
+constexpr const char *kSocketDir = "/run/orvel/ipc";
+constexpr const char *kSocketPath = "/run/orvel/ipc/219.sock";
+constexpr uint32_t kOtherAppId = 220;
+constexpr const char *kOtherPath = "/run/orvel/ipc/220.sock";
+constexpr uid_t kNobody = 65534;
+constexpr uint32_t kOpReadReg = 0xdb0002u;
+constexpr uint32_t kOpWriteReg = 0xdb0003u;
+constexpr uint32_t kOpGetStats = 0xdb0006u;
+constexpr uint32_t kNicStatsSize = 8360u;
+constexpr uint8_t kReplyXor = 0x5a;
+constexpr int kWaitMs = 5000; /* no wait of a test lasts longer */
+constexpr int kQuietMs = 100; /* enough for a message that is not coming */
+constexpr int kServerPollMs = 20;
+constexpr size_t kMaxSeen = 128;
+constexpr size_t kHeader = IPC_MSG_HEADER_SIZE;
+
+} // namespace
 
 /* Allocation watch: linked with -Wl,--wrap=malloc (and calloc, realloc)
  * every allocation of the transport passes here; without it the __real_
- * symbols are null and the size checks are skipped. */
+ * symbols are null and the size checks are skipped. No allocation is ever
+ * refused: the wraps only note the largest size asked for. */
+extern "C" {
 extern void *__real_malloc(size_t size) __attribute__((weak));
 extern void *__real_calloc(size_t n, size_t size) __attribute__((weak));
 extern void *__real_realloc(void *p, size_t size) __attribute__((weak));
 void *__wrap_malloc(size_t size);
 void *__wrap_calloc(size_t n, size_t size);
 void *__wrap_realloc(void *p, size_t size);
+}
 
-static atomic_size_t largest_allocation;
-
-static void note_allocation(size_t size)
+namespace
 {
-    size_t seen = atomic_load(&largest_allocation);
+
+constinit std::atomic<size_t> largest_allocation{0};
+
+void note_allocation(size_t size)
+{
+    size_t seen = largest_allocation.load();
 
     while (size > seen &&
-           !atomic_compare_exchange_weak(&largest_allocation, &seen, size)) {
+           !largest_allocation.compare_exchange_weak(seen, size)) {
     }
 }
+
+} // namespace
 
 void *__wrap_malloc(size_t size)
 {
@@ -86,113 +112,249 @@ void *__wrap_realloc(void *p, size_t size)
     return __real_realloc(p, size);
 }
 
-static bool allocations_watched(void)
+namespace
 {
-    return __real_malloc != NULL;
+
+bool allocations_watched()
+{
+    return __real_malloc != nullptr;
 }
 
-static void *must_alloc(size_t size)
+/* Heap bytes in the transport's own currency: ipc_send takes them over and
+ * frees them. */
+uint8_t *must_alloc(size_t size)
 {
     void *p = malloc(size);
 
-    if (p == NULL)
+    if (p == nullptr)
         abort(); /* test code only */
-    return p;
+    return static_cast<uint8_t *>(p);
 }
+
+struct FreeDeleter {
+    void operator()(void *p) const
+    {
+        free(p);
+    }
+};
+using MallocBytes = std::unique_ptr<uint8_t, FreeDeleter>;
 
 /* Time */
 
-static int64_t now_ms(void)
-{
-    struct timespec ts;
+using Clock = std::chrono::steady_clock;
 
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return (int64_t)ts.tv_sec * 1000 + ts.tv_nsec / 1000000;
+int64_t now_ms()
+{
+    return std::chrono::duration_cast<std::chrono::milliseconds>(
+               Clock::now().time_since_epoch())
+        .count();
 }
 
-static struct timespec deadline_in(int ms)
+Clock::time_point deadline_in(int ms)
 {
-    struct timespec ts;
+    return Clock::now() + std::chrono::milliseconds(ms);
+}
 
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    ts.tv_sec += ms / 1000;
-    ts.tv_nsec += (long)(ms % 1000) * 1000000;
-    if (ts.tv_nsec >= 1000000000) {
-        ts.tv_sec++;
-        ts.tv_nsec -= 1000000000;
+void sleep_ms(int ms)
+{
+    std::this_thread::sleep_for(std::chrono::milliseconds(ms));
+}
+
+/* Owned resources: whatever a case's outcome, they are released. */
+
+class UniqueFd
+{
+  public:
+    UniqueFd() = default;
+    explicit UniqueFd(int fd) : fd_(fd)
+    {
     }
-    return ts;
-}
+    UniqueFd(UniqueFd &&other) noexcept : fd_(std::exchange(other.fd_, -1))
+    {
+    }
+    UniqueFd &operator=(UniqueFd &&other) noexcept
+    {
+        reset(std::exchange(other.fd_, -1));
+        return *this;
+    }
+    ~UniqueFd()
+    {
+        reset();
+    }
 
-static void sleep_ms(int ms)
-{
-    struct timespec ts = {.tv_sec = ms / 1000,
-                          .tv_nsec = (long)(ms % 1000) * 1000000};
+    int get() const
+    {
+        return fd_;
+    }
+    bool valid() const
+    {
+        return fd_ >= 0;
+    }
+    void reset(int fd = -1)
+    {
+        if (fd_ >= 0)
+            close(fd_);
+        fd_ = fd;
+    }
 
-    nanosleep(&ts, NULL);
-}
-
-/* The server thread */
-
-enum reply_mode { REPLY_NONE, REPLY_ECHO, REPLY_AFTER_GATE };
-
-struct seen_msg {
-    ipc_msg_t record; /* as the callback got it */
-    uint8_t *bytes;   /* a copy of its payload */
+  private:
+    int fd_ = -1;
 };
 
-static struct test_server {
-    uint64_t ctx;
-    pthread_t thread;
-    atomic_bool stop;
-    pthread_mutex_t lock;
-    pthread_cond_t changed;
-    enum reply_mode mode;
-    bool gate_open;
-    struct seen_msg seen[MAX_SEEN];
-    size_t seen_count;
-    int send_results[MAX_SEEN];
-    size_t send_count;
-    int recv_failures;
-} server = {
-    .lock = PTHREAD_MUTEX_INITIALIZER,
+struct ClientCloser {
+    void operator()(ipc_client *c) const
+    {
+        ipc_client_close(c);
+    }
+};
+using Client = std::unique_ptr<ipc_client, ClientCloser>;
+
+/* A server context, destroyed (its socket file removed) with the guard. */
+class Ctx
+{
+  public:
+    explicit Ctx(uint32_t app_id) : handle_(ipc_ctx_init(app_id))
+    {
+    }
+    Ctx(const Ctx &) = delete;
+    Ctx &operator=(const Ctx &) = delete;
+    ~Ctx()
+    {
+        destroy();
+    }
+
+    uint64_t get() const
+    {
+        return handle_;
+    }
+    void destroy()
+    {
+        ipc_ctx_destroy(std::exchange(handle_, 0));
+    }
+
+  private:
+    uint64_t handle_;
 };
 
-static uint8_t stats_byte(size_t i)
+/* A received message that owns its payload. */
+struct Received {
+    ipc_msg_t msg{};
+
+    Received() = default;
+    Received(const Received &) = delete;
+    Received &operator=(const Received &) = delete;
+    ~Received()
+    {
+        free(msg.payload);
+    }
+
+    const uint8_t *bytes() const
+    {
+        return static_cast<const uint8_t *>(msg.payload);
+    }
+};
+
+/* A child process, killed and reaped unless it was waited for. */
+class Child
 {
-    return (uint8_t)(i * 7 + 3);
+  public:
+    explicit Child(pid_t pid) : pid_(pid)
+    {
+    }
+    Child(const Child &) = delete;
+    Child &operator=(const Child &) = delete;
+    ~Child()
+    {
+        if (pid_ > 0) {
+            kill(pid_, SIGKILL);
+            waitpid(pid_, nullptr, 0);
+        }
+    }
+
+    /* sim_wait: 0 and the status, or -1 (reaped too after a timeout). */
+    int wait(int timeout_ms, int *status)
+    {
+        int rc = sim_wait(pid_, timeout_ms, status);
+
+        if (rc == 0 || errno == ETIMEDOUT)
+            pid_ = -1;
+        return rc;
+    }
+
+  private:
+    pid_t pid_;
+};
+
+/* Byte comparisons that name the first difference. */
+
+testing::AssertionResult same_bytes(const void *actual, const void *expected,
+                                    size_t len)
+{
+    const auto *a = static_cast<const uint8_t *>(actual);
+    const auto *e = static_cast<const uint8_t *>(expected);
+
+    if (len > 0 && a == nullptr)
+        return testing::AssertionFailure()
+               << "no bytes where " << len << " were expected";
+    for (size_t i = 0; i < len; i++)
+        if (a[i] != e[i])
+            return testing::AssertionFailure()
+                   << format_text("byte %zu of %zu is 0x%02x, expected 0x%02x",
+                                  i, len, a[i], e[i]);
+    return testing::AssertionSuccess();
 }
 
-/* Part 1.4's get stats reply for the nic: module id and pipe echoed, N,
- * then N bytes. */
-static void *nic_stats_reply(const ipc_msg_t *request, uint32_t *len)
+/* The reply's bytes are the request's, each xor-ed with kReplyXor. */
+testing::AssertionResult is_echo_of(const uint8_t *reply,
+                                    const uint8_t *request, uint32_t len)
 {
-    uint64_t size = NIC_STATS_SIZE;
-    uint8_t *payload = must_alloc(16 + NIC_STATS_SIZE);
+    if (len > 0 && reply == nullptr)
+        return testing::AssertionFailure() << "no reply bytes";
+    for (uint32_t i = 0; i < len; i++)
+        if (reply[i] != (request[i] ^ kReplyXor))
+            return testing::AssertionFailure()
+                   << format_text("reply byte %u is 0x%02x, expected 0x%02x", i,
+                                  reply[i], request[i] ^ kReplyXor);
+    return testing::AssertionSuccess();
+}
+
+/* Replies the server sends */
+
+uint8_t stats_byte(size_t i)
+{
+    return static_cast<uint8_t>(i * 7 + 3);
+}
+
+/* The get stats reply for the nic: module id and pipe echoed, N, then N
+ * bytes. */
+uint8_t *nic_stats_reply(const ipc_msg_t *request, uint32_t *len)
+{
+    uint64_t size = kNicStatsSize;
+    uint8_t *payload = must_alloc(16 + kNicStatsSize);
 
     memcpy(payload, request->payload, 8);
     memcpy(payload + 8, &size, sizeof(size));
-    for (size_t i = 0; i < NIC_STATS_SIZE; i++)
+    for (size_t i = 0; i < kNicStatsSize; i++)
         payload[16 + i] = stats_byte(i);
-    *len = 16 + NIC_STATS_SIZE;
+    *len = 16 + kNicStatsSize;
     return payload;
 }
 
-static void *echo_reply(const ipc_msg_t *request, uint32_t *len)
+uint8_t *echo_reply(const ipc_msg_t *request, uint32_t *len)
 {
-    const uint8_t *bytes = request->payload;
+    const auto *bytes = static_cast<const uint8_t *>(request->payload);
     uint8_t *payload;
 
     *len = request->payload_len;
     if (*len == 0)
-        return NULL;
+        return nullptr;
     payload = must_alloc(*len);
     for (size_t i = 0; i < *len; i++)
-        payload[i] = bytes[i] ^ REPLY_XOR;
+        payload[i] = bytes[i] ^ kReplyXor;
     return payload;
 }
 
-static int answer(uint64_t ctx, const ipc_msg_t *request)
+int answer(uint64_t ctx, const ipc_msg_t *request)
 {
     ipc_msg_t reply = {
         .addr0 = request->addr1,
@@ -200,447 +362,601 @@ static int answer(uint64_t ctx, const ipc_msg_t *request)
         .op_id = request->op_id,
         .aux_byte = 1,
         .msg_type = 2,
-        .padding = 0xaaaaaaaa, /* "not set" (Part 1.4): never on the wire */
+        .reserved = 0,
+        .payload_len = 0,
+        .padding = 0xaaaaaaaa, /* a field the sender never sets: not sent */
+        .payload = nullptr,
     };
 
-    if (request->op_id == OP_GET_STATS)
+    if (request->op_id == kOpGetStats)
         reply.payload = nic_stats_reply(request, &reply.payload_len);
     else
         reply.payload = echo_reply(request, &reply.payload_len);
     return ipc_send(ctx, &reply, 1);
 }
 
-static void record_locked(const ipc_msg_t *msg)
-{
-    struct seen_msg *m;
+/* The server thread */
 
-    if (server.seen_count == MAX_SEEN)
-        return;
-    m = &server.seen[server.seen_count++];
-    m->record = *msg;
-    m->bytes = NULL;
-    if (msg->payload_len > 0 && msg->payload != NULL) {
-        m->bytes = must_alloc(msg->payload_len);
-        memcpy(m->bytes, msg->payload, msg->payload_len);
+enum class ReplyMode { none, echo, after_gate };
+
+struct SeenMsg {
+    ipc_msg_t record{};         /* as the callback got it */
+    std::vector<uint8_t> bytes; /* a copy of its payload */
+};
+
+class TestServer;
+TestServer *running_server; /* the callback's server */
+
+class TestServer
+{
+  public:
+    TestServer() = default;
+    TestServer(const TestServer &) = delete;
+    TestServer &operator=(const TestServer &) = delete;
+
+    /* Opens the endpoint of kAppId and starts serving it. */
+    bool start()
+    {
+        ctx_ = ipc_ctx_init(kAppId);
+        if (ctx_ == 0)
+            return false;
+        running_server = this;
+        if (ipc_ctx_init_proxy(ctx_, 1, record_and_answer, 0) != 0 ||
+            ipc_ctx_add_endpoint(ctx_, kAppId, IPC_SOCK_SERVER, 1) < 0) {
+            ipc_ctx_destroy(std::exchange(ctx_, 0));
+            return false;
+        }
+        thread_ = std::thread([this] { serve(); });
+        return true;
     }
-}
 
-static void wait_for_gate(void)
-{
-    struct timespec deadline = deadline_in(WAIT_MS);
-
-    pthread_mutex_lock(&server.lock);
-    while (!server.gate_open &&
-           pthread_cond_timedwait(&server.changed, &server.lock, &deadline) !=
-               ETIMEDOUT) {
+    /* Stops the thread, destroys the context; the receive failures seen. */
+    int stop()
+    {
+        open_gate(); /* a callback still waiting for it must not hold us */
+        stop_.store(true);
+        if (thread_.joinable())
+            thread_.join();
+        ipc_ctx_destroy(std::exchange(ctx_, 0));
+        running_server = nullptr;
+        std::lock_guard l(lock_);
+        return recv_failures_;
     }
-    pthread_mutex_unlock(&server.lock);
-}
 
-static void record_send_result(int rc)
-{
-    pthread_mutex_lock(&server.lock);
-    if (server.send_count < MAX_SEEN)
-        server.send_results[server.send_count++] = rc;
-    pthread_cond_broadcast(&server.changed);
-    pthread_mutex_unlock(&server.lock);
-}
+    uint64_t ctx() const
+    {
+        return ctx_;
+    }
 
-static void record_and_answer(void *unused, ipc_msg_t *msg)
-{
-    enum reply_mode mode;
+    void set_mode(ReplyMode mode)
+    {
+        std::lock_guard l(lock_);
+        mode_ = mode;
+    }
 
-    (void)unused;
-    pthread_mutex_lock(&server.lock);
-    record_locked(msg);
-    mode = server.mode;
-    pthread_cond_broadcast(&server.changed);
-    pthread_mutex_unlock(&server.lock);
-    if (mode == REPLY_AFTER_GATE)
-        wait_for_gate();
-    if (mode != REPLY_NONE)
-        record_send_result(answer(server.ctx, msg));
-}
+    void open_gate()
+    {
+        std::lock_guard l(lock_);
+        gate_open_ = true;
+        changed_.notify_all();
+    }
 
-/* The daemon's loop (Part 1.5), with a timeout so that it can stop. */
-static void *serve(void *unused)
-{
-    (void)unused;
-    while (!atomic_load(&server.stop)) {
-        ipc_msg_t msg;
-        int rc = ipc_recv(server.ctx, &msg, SERVER_POLL_MS);
+    /* Waits until n messages were seen; false after kWaitMs. */
+    bool wait_for_seen(size_t n)
+    {
+        return wait_for(seen_count_, n);
+    }
 
-        if (rc == 0) {
-            free(msg.payload);
-        } else if (rc != -ETIMEDOUT) {
-            pthread_mutex_lock(&server.lock);
-            server.recv_failures++;
-            pthread_mutex_unlock(&server.lock);
+    size_t seen_now()
+    {
+        std::lock_guard l(lock_);
+        return seen_count_;
+    }
+
+    /* The index-th message, once seen; entries below the count are no
+     * longer written. */
+    const SeenMsg &seen_at(size_t index)
+    {
+        static const SeenMsg none;
+
+        if (index >= kMaxSeen || !wait_for(seen_count_, index + 1)) {
+            ADD_FAILURE() << "message " << index << " never reached the server";
+            return none;
+        }
+        return seen_[index];
+    }
+
+    /* What ipc_send returned for the index-th answer. */
+    int send_result_at(size_t index)
+    {
+        if (index >= kMaxSeen || !wait_for(send_count_, index + 1)) {
+            ADD_FAILURE() << "answer " << index << " never sent";
+            return 1;
+        }
+        return send_results_[index];
+    }
+
+  private:
+    static void record_and_answer(void *, ipc_msg_t *msg) noexcept
+    {
+        running_server->on_message(msg);
+    }
+
+    void on_message(const ipc_msg_t *msg)
+    {
+        ReplyMode mode;
+
+        {
+            std::lock_guard l(lock_);
+            record_locked(msg);
+            mode = mode_;
+            changed_.notify_all();
+        }
+        if (mode == ReplyMode::after_gate)
+            wait_for_gate();
+        if (mode != ReplyMode::none)
+            record_send_result(answer(ctx_, msg));
+    }
+
+    void record_locked(const ipc_msg_t *msg)
+    {
+        if (seen_count_ == kMaxSeen)
+            return;
+        SeenMsg &m = seen_[seen_count_++];
+        m.record = *msg;
+        if (msg->payload_len > 0 && msg->payload != nullptr) {
+            const auto *p = static_cast<const uint8_t *>(msg->payload);
+            m.bytes.assign(p, p + msg->payload_len);
         }
     }
-    return NULL;
-}
 
-static void set_mode(enum reply_mode mode)
-{
-    pthread_mutex_lock(&server.lock);
-    server.mode = mode;
-    pthread_mutex_unlock(&server.lock);
-}
-
-static void open_gate(void)
-{
-    pthread_mutex_lock(&server.lock);
-    server.gate_open = true;
-    pthread_cond_broadcast(&server.changed);
-    pthread_mutex_unlock(&server.lock);
-}
-
-static void forget_seen_locked(void)
-{
-    for (size_t i = 0; i < server.seen_count; i++)
-        free(server.seen[i].bytes);
-    server.seen_count = 0;
-    server.send_count = 0;
-    server.recv_failures = 0;
-    server.gate_open = false;
-    server.mode = REPLY_ECHO;
-}
-
-static int start_server(void **state)
-{
-    (void)state;
-    syslog_capture_reset();
-    pthread_mutex_lock(&server.lock);
-    forget_seen_locked();
-    pthread_mutex_unlock(&server.lock);
-    server.ctx = ipc_ctx_init(APP_ID);
-    if (server.ctx == 0)
-        return -1;
-    if (ipc_ctx_init_proxy(server.ctx, 1, record_and_answer, 0) != 0 ||
-        ipc_ctx_add_endpoint(server.ctx, APP_ID, IPC_SOCK_SERVER, 1) < 0) {
-        ipc_ctx_destroy(server.ctx);
-        return -1;
+    void wait_for_gate()
+    {
+        std::unique_lock l(lock_);
+        changed_.wait_until(l, deadline_in(kWaitMs),
+                            [this] { return gate_open_; });
     }
-    atomic_store(&server.stop, false);
-    if (pthread_create(&server.thread, NULL, serve, NULL) != 0) {
-        ipc_ctx_destroy(server.ctx);
-        return -1;
+
+    void record_send_result(int rc)
+    {
+        std::lock_guard l(lock_);
+        if (send_count_ < kMaxSeen)
+            send_results_[send_count_++] = rc;
+        changed_.notify_all();
     }
-    return 0;
-}
 
-static int stop_server(void **state)
-{
-    int failures;
-
-    (void)state;
-    atomic_store(&server.stop, true);
-    pthread_join(server.thread, NULL);
-    ipc_ctx_destroy(server.ctx);
-    pthread_mutex_lock(&server.lock);
-    failures = server.recv_failures;
-    forget_seen_locked();
-    pthread_mutex_unlock(&server.lock);
-    return failures == 0 ? 0 : -1;
-}
-
-static int reset_capture(void **state)
-{
-    (void)state;
-    syslog_capture_reset();
-    return 0;
-}
-
-/* Waits until *counter reaches n; false after WAIT_MS. */
-static bool wait_for_count(const size_t *counter, size_t n)
-{
-    struct timespec deadline = deadline_in(WAIT_MS);
-    bool reached;
-
-    pthread_mutex_lock(&server.lock);
-    while (*counter < n && pthread_cond_timedwait(&server.changed, &server.lock,
-                                                  &deadline) != ETIMEDOUT) {
+    bool wait_for(const size_t &counter, size_t n)
+    {
+        std::unique_lock l(lock_);
+        return changed_.wait_until(l, deadline_in(kWaitMs),
+                                   [&] { return counter >= n; });
     }
-    reached = *counter >= n;
-    pthread_mutex_unlock(&server.lock);
-    return reached;
-}
 
-static void wait_for_seen(size_t n)
+    /* The daemon's loop, with a timeout so that it can stop. */
+    void serve()
+    {
+        while (!stop_.load()) {
+            ipc_msg_t msg;
+            int rc = ipc_recv(ctx_, &msg, kServerPollMs);
+
+            if (rc == 0) {
+                free(msg.payload);
+            } else if (rc != -ETIMEDOUT) {
+                std::lock_guard l(lock_);
+                recv_failures_++;
+            }
+        }
+    }
+
+    uint64_t ctx_ = 0;
+    std::thread thread_;
+    std::atomic<bool> stop_{false};
+    std::mutex lock_;
+    std::condition_variable changed_;
+    ReplyMode mode_ = ReplyMode::echo;
+    bool gate_open_ = false;
+    std::array<SeenMsg, kMaxSeen> seen_;
+    size_t seen_count_ = 0;
+    std::array<int, kMaxSeen> send_results_{};
+    size_t send_count_ = 0;
+    int recv_failures_ = 0;
+};
+
+/* Frames */
+
+ipc_msg_t request_header(uint32_t op_id, uint32_t len)
 {
-    assert_true(wait_for_count(&server.seen_count, n));
-}
-
-static size_t seen_now(void)
-{
-    size_t count;
-
-    pthread_mutex_lock(&server.lock);
-    count = server.seen_count;
-    pthread_mutex_unlock(&server.lock);
-    return count;
-}
-
-/* Entries below a count waited for are no longer written. */
-static const struct seen_msg *seen_at(size_t index)
-{
-    return &server.seen[index];
-}
-
-static int send_result_at(size_t index)
-{
-    assert_true(wait_for_count(&server.send_count, index + 1));
-    return server.send_results[index];
-}
-
-/* Frames and assertions */
-
-static ipc_msg_t request_header(uint32_t op_id, uint32_t len)
-{
-    return (ipc_msg_t){
+    return ipc_msg_t{
         .addr0 = 0xdeadbeef, /* the server replaces both addresses */
         .addr1 = 0x12345678,
         .op_id = op_id,
+        .aux_byte = 0,
         .msg_type = 1,
+        .reserved = 0,
         .payload_len = len,
+        .padding = 0,
+        .payload = nullptr,
     };
 }
 
-static size_t put_frame(uint8_t *dst, uint32_t op_id, const void *payload,
-                        uint32_t len)
+size_t put_frame(uint8_t *dst, uint32_t op_id, const void *payload,
+                 uint32_t len)
 {
     ipc_msg_t header = request_header(op_id, len);
 
-    memcpy(dst, &header, HEADER);
+    memcpy(dst, &header, kHeader);
     if (len > 0)
-        memcpy(dst + HEADER, payload, len);
-    return HEADER + len;
+        memcpy(dst + kHeader, payload, len);
+    return kHeader + len;
 }
 
-static void fill_pattern(uint8_t *dst, size_t len, unsigned seed)
+/* A message for connection addr1, all else zero. */
+ipc_msg_t message_to(uint32_t addr1, uint32_t len, void *payload)
+{
+    ipc_msg_t msg{};
+
+    msg.addr1 = addr1;
+    msg.payload_len = len;
+    msg.payload = payload;
+    return msg;
+}
+
+void fill_pattern(uint8_t *dst, size_t len, unsigned seed)
 {
     for (size_t i = 0; i < len; i++)
-        dst[i] = (uint8_t)(seed + i * 13);
+        dst[i] = static_cast<uint8_t>(seed + i * 13);
 }
 
-/* What the server thread recorded: the transport's addressing, the rest as
- * sent. */
-static void assert_seen(size_t index, uint32_t op_id, const void *payload,
-                        uint32_t len)
+void expect_reply_header(const ipc_msg_t &reply, uint32_t conn_id,
+                         uint32_t op_id, uint32_t len)
 {
-    const struct seen_msg *m = seen_at(index);
-
-    assert_int_not_equal(m->record.addr0, 0);
-    assert_int_equal(m->record.addr1, APP_ID);
-    assert_int_equal(m->record.op_id, op_id);
-    assert_int_equal(m->record.aux_byte, 0);
-    assert_int_equal(m->record.msg_type, 1);
-    assert_int_equal(m->record.reserved, 0);
-    assert_int_equal(m->record.payload_len, len);
-    if (len == 0) {
-        assert_null(m->record.payload);
-        return;
-    }
-    assert_non_null(m->record.payload);
-    assert_memory_equal(m->bytes, payload, len);
-}
-
-static void assert_reply_header(const ipc_msg_t *reply, uint32_t conn_id,
-                                uint32_t op_id, uint32_t len)
-{
-    assert_int_equal(reply->addr0, APP_ID);
-    assert_int_equal(reply->addr1, conn_id);
-    assert_int_equal(reply->op_id, op_id);
-    assert_int_equal(reply->aux_byte, 1);
-    assert_int_equal(reply->msg_type, 2);
-    assert_int_equal(reply->reserved, 0);
-    assert_int_equal(reply->payload_len, len);
-    assert_int_equal(reply->padding, 0);
-}
-
-static void assert_echo_bytes(const uint8_t *reply, const uint8_t *request,
-                              uint32_t len)
-{
-    for (uint32_t i = 0; i < len; i++)
-        assert_int_equal(reply[i], request[i] ^ REPLY_XOR);
+    EXPECT_EQ(reply.addr0, kAppId);
+    EXPECT_EQ(reply.addr1, conn_id);
+    EXPECT_EQ(reply.op_id, op_id);
+    EXPECT_EQ(reply.aux_byte, 1u);
+    EXPECT_EQ(reply.msg_type, 2u);
+    EXPECT_EQ(reply.reserved, 0u);
+    EXPECT_EQ(reply.payload_len, len);
+    EXPECT_EQ(reply.padding, 0u);
 }
 
 /* Raw sockets */
 
-static int raw_connect_to(const char *path)
+sockaddr_un unix_address(const char *path)
 {
-    struct sockaddr_un addr = {.sun_family = AF_UNIX};
-    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un addr{};
 
-    assert_true(fd >= 0);
+    addr.sun_family = AF_UNIX;
     snprintf(addr.sun_path, sizeof(addr.sun_path), "%s", path);
-    assert_int_equal(connect(fd, (struct sockaddr *)&addr, sizeof(addr)), 0);
+    return addr;
+}
+
+UniqueFd raw_connect_to(const char *path)
+{
+    sockaddr_un addr = unix_address(path);
+    UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+
+    if (!fd.valid()) {
+        ADD_FAILURE() << "socket: " << strerror(errno);
+        return fd;
+    }
+    if (connect(fd.get(), reinterpret_cast<sockaddr *>(&addr), sizeof(addr)) !=
+        0) {
+        ADD_FAILURE() << "connect " << path << ": " << strerror(errno);
+        fd.reset();
+    }
     return fd;
 }
 
-static int raw_connect(void)
+UniqueFd raw_connect()
 {
-    return raw_connect_to(SOCKET_PATH);
+    return raw_connect_to(kSocketPath);
 }
 
-static void write_bytes(int fd, const void *buf, size_t len)
+void write_bytes(const UniqueFd &fd, const void *buf, size_t len)
 {
-    assert_int_equal(send(fd, buf, len, MSG_NOSIGNAL), (ssize_t)len);
+    EXPECT_EQ(send(fd.get(), buf, len, MSG_NOSIGNAL), static_cast<ssize_t>(len))
+        << strerror(errno);
 }
 
-/* Reads exactly len bytes; false at end of stream or after WAIT_MS. */
-static bool read_bytes(int fd, void *buf, size_t len)
+/* Reads exactly len bytes; false at end of stream or after kWaitMs. */
+bool read_bytes(const UniqueFd &fd, void *buf, size_t len)
 {
-    int64_t deadline = now_ms() + WAIT_MS;
-    uint8_t *next = buf;
+    int64_t deadline = now_ms() + kWaitMs;
+    auto *next = static_cast<uint8_t *>(buf);
 
     while (len > 0) {
-        struct pollfd p = {.fd = fd, .events = POLLIN};
+        pollfd p = {.fd = fd.get(), .events = POLLIN, .revents = 0};
         int64_t left = deadline - now_ms();
         ssize_t n;
 
-        if (left <= 0 || poll(&p, 1, (int)left) != 1)
+        if (left <= 0 || poll(&p, 1, static_cast<int>(left)) != 1)
             return false;
-        n = recv(fd, next, len, MSG_DONTWAIT);
+        n = recv(fd.get(), next, len, MSG_DONTWAIT);
         if (n <= 0)
             return false;
         next += n;
-        len -= (size_t)n;
+        len -= static_cast<size_t>(n);
     }
     return true;
 }
 
 /* One reply frame; its payload into buf. */
-static void read_reply(int fd, ipc_msg_t *reply, uint8_t *buf, size_t size)
+void read_reply(const UniqueFd &fd, ipc_msg_t *reply, uint8_t *buf, size_t size)
 {
-    assert_true(read_bytes(fd, reply, HEADER));
-    assert_null(reply->payload); /* sent as 0 */
-    assert_true(reply->payload_len <= size);
-    assert_true(read_bytes(fd, buf, reply->payload_len));
+    ASSERT_TRUE(read_bytes(fd, reply, kHeader));
+    ASSERT_EQ(reply->payload, nullptr); /* sent as 0 */
+    ASSERT_LE(reply->payload_len, size);
+    ASSERT_TRUE(read_bytes(fd, buf, reply->payload_len));
 }
 
-static bool nothing_to_read(int fd)
+bool nothing_to_read(const UniqueFd &fd)
 {
-    struct pollfd p = {.fd = fd, .events = POLLIN};
+    pollfd p = {.fd = fd.get(), .events = POLLIN, .revents = 0};
 
-    return poll(&p, 1, QUIET_MS) == 0;
+    return poll(&p, 1, kQuietMs) == 0;
 }
 
 /* The server closed the connection without sending anything first. */
-static bool closed_by_server(int fd)
+bool closed_by_server(const UniqueFd &fd)
 {
-    struct pollfd p = {.fd = fd, .events = POLLIN};
+    pollfd p = {.fd = fd.get(), .events = POLLIN, .revents = 0};
     uint8_t byte;
     ssize_t n;
 
-    if (poll(&p, 1, WAIT_MS) != 1)
+    if (poll(&p, 1, kWaitMs) != 1)
         return false;
-    n = recv(fd, &byte, 1, MSG_DONTWAIT);
+    n = recv(fd.get(), &byte, 1, MSG_DONTWAIT);
     return n == 0 || (n < 0 && errno == ECONNRESET);
 }
 
 /* Client API */
 
-static struct ipc_client *client_open(void)
+Client client_open()
 {
-    struct ipc_client *c = NULL;
+    ipc_client *c = nullptr;
 
-    assert_int_equal(ipc_client_open(SOCKET_PATH, &c), 0);
-    assert_non_null(c);
-    return c;
+    EXPECT_EQ(ipc_client_open(kSocketPath, &c), 0);
+    EXPECT_NE(c, nullptr);
+    return Client(c);
 }
 
-static void client_send(struct ipc_client *c, uint32_t op_id,
-                        const void *payload, uint32_t len)
+void client_send(const Client &c, uint32_t op_id, const void *payload,
+                 uint32_t len)
 {
     ipc_msg_t msg = request_header(op_id, len);
 
-    msg.payload = (void *)payload;
-    assert_int_equal(ipc_client_send(c, &msg), 0);
+    msg.payload = const_cast<void *>(payload);
+    EXPECT_EQ(ipc_client_send(c.get(), &msg), 0);
 }
 
-/* Sends a request and checks the echo that comes back. */
-static void assert_round_trip(struct ipc_client *c, size_t seen_index)
+/* ipc_client_recv into r, whose earlier payload is freed first. */
+int client_recv(const Client &c, Received &r, int timeout_ms)
 {
-    uint8_t request[8] = {1, 2, 3, 4, 5, 6, 7, 8};
-    ipc_msg_t reply;
-
-    client_send(c, OP_WRITE_REG, request, sizeof(request));
-    wait_for_seen(seen_index + 1);
-    assert_seen(seen_index, OP_WRITE_REG, request, sizeof(request));
-    assert_int_equal(ipc_client_recv(c, &reply, WAIT_MS), 0);
-    assert_reply_header(&reply, seen_at(seen_index)->record.addr0, OP_WRITE_REG,
-                        sizeof(request));
-    assert_echo_bytes(reply.payload, request, sizeof(request));
-    free(reply.payload);
+    free(std::exchange(r.msg.payload, nullptr));
+    return ipc_client_recv(c.get(), &r.msg, timeout_ms);
 }
 
 /* Files */
 
-static void remove_run_orvel(void)
+void make_socket_dir()
 {
-    DIR *dir = opendir(SOCKET_DIR);
-    struct dirent *entry;
-
-    if (dir != NULL) {
-        while ((entry = readdir(dir)) != NULL)
-            if (entry->d_name[0] != '.')
-                unlinkat(dirfd(dir), entry->d_name, 0);
-        closedir(dir);
-    }
-    rmdir(SOCKET_DIR);
-    rmdir(RUN_ORVEL);
-    assert_int_equal(access(RUN_ORVEL, F_OK), -1);
-}
-
-static void make_socket_dir(void)
-{
-    assert_true(mkdir(RUN_ORVEL, 0755) == 0 || errno == EEXIST);
-    assert_true(mkdir(SOCKET_DIR, 0755) == 0 || errno == EEXIST);
+    ASSERT_TRUE(mkdir(kRunOrvel, 0755) == 0 || errno == EEXIST)
+        << strerror(errno);
+    ASSERT_TRUE(mkdir(kSocketDir, 0755) == 0 || errno == EEXIST)
+        << strerror(errno);
 }
 
 /* A socket file that nobody serves any more. */
-static void make_stale_socket(const char *path)
+void make_stale_socket(const char *path)
 {
-    struct sockaddr_un addr = {.sun_family = AF_UNIX};
-    int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un addr = unix_address(path);
+    UniqueFd fd(socket(AF_UNIX, SOCK_STREAM, 0));
     struct stat st;
 
-    assert_true(fd >= 0);
-    snprintf(addr.sun_path, sizeof(addr.sun_path), "%s", path);
-    assert_int_equal(bind(fd, (struct sockaddr *)&addr, sizeof(addr)), 0);
-    close(fd);
-    assert_int_equal(lstat(path, &st), 0);
-    assert_true(S_ISSOCK(st.st_mode));
+    ASSERT_TRUE(fd.valid()) << strerror(errno);
+    ASSERT_EQ(bind(fd.get(), reinterpret_cast<sockaddr *>(&addr), sizeof(addr)),
+              0)
+        << path << ": " << strerror(errno);
+    fd.reset();
+    ASSERT_EQ(lstat(path, &st), 0);
+    ASSERT_TRUE(S_ISSOCK(st.st_mode));
 }
 
-static size_t count_open_fds(void)
+size_t count_open_fds()
 {
     DIR *dir = opendir("/proc/self/fd");
     size_t count = 0;
 
-    assert_non_null(dir);
-    while (readdir(dir) != NULL)
+    if (dir == nullptr) {
+        ADD_FAILURE() << "/proc/self/fd: " << strerror(errno);
+        return 0;
+    }
+    while (readdir(dir) != nullptr)
         count++;
     closedir(dir);
     return count;
 }
 
-static void assert_single_log(int severity, const char *text)
+void expect_single_log(int severity, const char *text)
 {
-    const struct captured_syslog *entry;
+    const captured_syslog *entry;
 
-    assert_int_equal(syslog_capture_count(), 1);
+    EXPECT_EQ(syslog_capture_count(), 1u);
     entry = syslog_capture_get(0);
-    assert_int_equal(entry->severity, severity);
-    assert_string_equal(entry->ident, "orvel-ipc");
-    assert_string_equal(entry->text, text);
+    ASSERT_NE(entry, nullptr);
+    EXPECT_EQ(entry->severity, severity);
+    EXPECT_STREQ(entry->ident, "orvel-ipc");
+    EXPECT_STREQ(entry->text, text);
+}
+
+/* Each case in a fresh, empty /run, a tmpfs of its own in the private mount
+ * namespace of the process, unmounted when the case ends: nothing a case
+ * leaves there (sockets, their lock files, directories) reaches the next. */
+class IpcTransportEndpoint : public testing::Test
+{
+  protected:
+    void SetUp() override
+    {
+        std::string why;
+
+        if (!private_tmp_ready(&why))
+            GTEST_SKIP() << why;
+        ASSERT_EQ(mount("tmpfs", "/run", "tmpfs", 0, "mode=0755"), 0)
+            << "private /run: " << strerror(errno);
+        run_mounted_ = true;
+        syslog_capture_reset();
+    }
+
+    void TearDown() override
+    {
+        if (run_mounted_) {
+            EXPECT_EQ(umount2("/run", MNT_DETACH), 0)
+                << "private /run: " << strerror(errno);
+        }
+    }
+
+  private:
+    bool run_mounted_ = false;
+};
+
+/* The same with the endpoint of kAppId served by a thread of the test. */
+class IpcTransportServed : public IpcTransportEndpoint
+{
+  protected:
+    void SetUp() override
+    {
+        IpcTransportEndpoint::SetUp();
+        if (IsSkipped() || HasFatalFailure())
+            return;
+        ASSERT_TRUE(server_.start()) << "the test server did not start";
+        started_ = true;
+    }
+
+    void TearDown() override
+    {
+        if (started_) {
+            EXPECT_EQ(server_.stop(), 0) << "ipc_recv failures in the server";
+        }
+        IpcTransportEndpoint::TearDown();
+    }
+
+    /* What the server thread recorded: the transport's addressing, the rest
+     * as sent. */
+    void expect_seen(size_t index, uint32_t op_id, const void *payload,
+                     uint32_t len)
+    {
+        const SeenMsg &m = server_.seen_at(index);
+
+        EXPECT_NE(m.record.addr0, 0u);
+        EXPECT_EQ(m.record.addr1, kAppId);
+        EXPECT_EQ(m.record.op_id, op_id);
+        EXPECT_EQ(m.record.aux_byte, 0u);
+        EXPECT_EQ(m.record.msg_type, 1u);
+        EXPECT_EQ(m.record.reserved, 0u);
+        EXPECT_EQ(m.record.payload_len, len);
+        if (len == 0) {
+            EXPECT_EQ(m.record.payload, nullptr);
+            return;
+        }
+        EXPECT_NE(m.record.payload, nullptr);
+        ASSERT_EQ(m.bytes.size(), len);
+        EXPECT_TRUE(same_bytes(m.bytes.data(), payload, len));
+    }
+
+    uint32_t conn_of(size_t index)
+    {
+        return server_.seen_at(index).record.addr0;
+    }
+
+    /* Sends a request and checks the echo that comes back. */
+    void round_trip(const Client &c, size_t seen_index)
+    {
+        uint8_t request[8] = {1, 2, 3, 4, 5, 6, 7, 8};
+        Received reply;
+
+        client_send(c, kOpWriteReg, request, sizeof(request));
+        ASSERT_TRUE(server_.wait_for_seen(seen_index + 1));
+        expect_seen(seen_index, kOpWriteReg, request, sizeof(request));
+        ASSERT_EQ(client_recv(c, reply, kWaitMs), 0);
+        expect_reply_header(reply.msg, conn_of(seen_index), kOpWriteReg,
+                            sizeof(request));
+        EXPECT_TRUE(is_echo_of(reply.bytes(), request, sizeof(request)));
+    }
+
+    /* A frame announcing len bytes closes its connection, allocates no
+     * more than the largest payload, logs once; others are still served. */
+    void length_closes_connection(uint32_t len)
+    {
+        ipc_msg_t header = request_header(kOpReadReg, len);
+        UniqueFd fd = raw_connect();
+
+        largest_allocation.store(0);
+        write_bytes(fd, &header, kHeader);
+        EXPECT_TRUE(closed_by_server(fd));
+        fd.reset();
+        EXPECT_EQ(server_.seen_now(), 0u);
+        if (allocations_watched()) {
+            EXPECT_LE(largest_allocation.load(), IPC_MAX_PAYLOAD);
+        }
+        expect_single_log(LOG_WARNING,
+                          format_text("IPC connection closed: payload length "
+                                      "%u above 65536",
+                                      len)
+                              .c_str());
+
+        Client other = client_open();
+        ASSERT_NO_FATAL_FAILURE(round_trip(other, 0));
+    }
+
+    /* Asks for a reply that the test thread sends itself; the connection. */
+    uint32_t silent_request(const Client &c)
+    {
+        server_.set_mode(ReplyMode::none);
+        client_send(c, kOpReadReg, "\0\0\0\0\0\0\0", 8);
+        return conn_of(0);
+    }
+
+    /* A largest-size reply of a pattern, sent from the test thread. */
+    int send_pattern(uint32_t conn_id, unsigned seed)
+    {
+        ipc_msg_t reply = {
+            .addr0 = kAppId,
+            .addr1 = conn_id,
+            .op_id = kOpReadReg,
+            .aux_byte = 1,
+            .msg_type = 2,
+            .reserved = 0,
+            .payload_len = IPC_MAX_PAYLOAD,
+            .padding = 0,
+            .payload = must_alloc(IPC_MAX_PAYLOAD),
+        };
+
+        fill_pattern(static_cast<uint8_t *>(reply.payload), IPC_MAX_PAYLOAD,
+                     seed);
+        return ipc_send(server_.ctx(), &reply, 1);
+    }
+
+    TestServer server_;
+
+  private:
+    bool started_ = false;
+};
+
+void expect_pattern_reply(const ipc_msg_t &reply, uint32_t conn_id,
+                          unsigned seed)
+{
+    std::vector<uint8_t> expected(IPC_MAX_PAYLOAD);
+
+    fill_pattern(expected.data(), expected.size(), seed);
+    expect_reply_header(reply, conn_id, kOpReadReg, IPC_MAX_PAYLOAD);
+    EXPECT_TRUE(same_bytes(reply.payload, expected.data(), IPC_MAX_PAYLOAD))
+        << "reply " << seed;
 }
 
 /* Tests: one request, one reply */
 
-static void test_request_and_reply_exact_bytes(void **state)
+TEST_F(IpcTransportServed, RequestAndReplyExactBytes)
 {
     static const uint8_t request[] = {
         0xef, 0xbe, 0xad, 0xde, /* addr0: anything */
@@ -664,309 +980,263 @@ static void test_request_and_reply_exact_bytes(void **state)
     };
     uint8_t reply[sizeof(expected)];
     uint32_t conn_id;
-    int fd = raw_connect();
+    UniqueFd fd = raw_connect();
 
-    (void)state;
     write_bytes(fd, request, sizeof(request));
-    wait_for_seen(1);
-    assert_seen(0, OP_READ_REG, request + HEADER, 8);
-    assert_int_equal(seen_at(0)->record.padding, 0);
-    conn_id = seen_at(0)->record.addr0;
+    ASSERT_TRUE(server_.wait_for_seen(1));
+    expect_seen(0, kOpReadReg, request + kHeader, 8);
+    EXPECT_EQ(server_.seen_at(0).record.padding, 0u);
+    conn_id = conn_of(0);
     memcpy(expected + 4, &conn_id, sizeof(conn_id));
-    assert_true(read_bytes(fd, reply, sizeof(reply)));
-    assert_memory_equal(reply, expected, sizeof(expected));
-    assert_true(nothing_to_read(fd));
-    assert_int_equal(send_result_at(0), 0);
-    close(fd);
+    ASSERT_TRUE(read_bytes(fd, reply, sizeof(reply)));
+    EXPECT_TRUE(same_bytes(reply, expected, sizeof(expected)));
+    EXPECT_TRUE(nothing_to_read(fd));
+    EXPECT_EQ(server_.send_result_at(0), 0);
 }
 
-static void test_server_sets_addresses(void **state)
+TEST_F(IpcTransportServed, ServerSetsAddresses)
 {
-    struct ipc_client *a = client_open();
-    struct ipc_client *b = client_open();
+    Client a = client_open();
+    Client b = client_open();
     uint8_t payload_a[4] = {0xa1, 0xa2, 0xa3, 0xa4};
     uint8_t payload_b[4] = {0xb1, 0xb2, 0xb3, 0xb4};
-    ipc_msg_t msg = request_header(OP_READ_REG, 4), reply;
+    ipc_msg_t msg = request_header(kOpReadReg, 4);
+    Received reply;
     uint32_t id_a, id_b;
 
-    (void)state;
     msg.addr0 = 0;
     msg.addr1 = 0;
     msg.payload = payload_a;
-    assert_int_equal(ipc_client_send(a, &msg), 0);
-    wait_for_seen(1);
-    msg.addr0 = APP_ID; /* a client claiming to be the server */
+    ASSERT_EQ(ipc_client_send(a.get(), &msg), 0);
+    ASSERT_TRUE(server_.wait_for_seen(1));
+    msg.addr0 = kAppId; /* a client claiming to be the server */
     msg.addr1 = 0xffffffff;
     msg.payload = payload_b;
-    assert_int_equal(ipc_client_send(b, &msg), 0);
-    wait_for_seen(2);
-    assert_seen(0, OP_READ_REG, payload_a, 4);
-    assert_seen(1, OP_READ_REG, payload_b, 4);
-    id_a = seen_at(0)->record.addr0;
-    id_b = seen_at(1)->record.addr0;
-    assert_int_not_equal(id_a, id_b);
+    ASSERT_EQ(ipc_client_send(b.get(), &msg), 0);
+    ASSERT_TRUE(server_.wait_for_seen(2));
+    expect_seen(0, kOpReadReg, payload_a, 4);
+    expect_seen(1, kOpReadReg, payload_b, 4);
+    id_a = conn_of(0);
+    id_b = conn_of(1);
+    EXPECT_NE(id_a, id_b);
 
-    assert_int_equal(ipc_client_recv(b, &reply, WAIT_MS), 0);
-    assert_reply_header(&reply, id_b, OP_READ_REG, 4);
-    assert_echo_bytes(reply.payload, payload_b, 4);
-    free(reply.payload);
-    assert_int_equal(ipc_client_recv(a, &reply, WAIT_MS), 0);
-    assert_reply_header(&reply, id_a, OP_READ_REG, 4);
-    assert_echo_bytes(reply.payload, payload_a, 4);
-    free(reply.payload);
-    ipc_client_close(a);
-    ipc_client_close(b);
+    ASSERT_EQ(client_recv(b, reply, kWaitMs), 0);
+    expect_reply_header(reply.msg, id_b, kOpReadReg, 4);
+    EXPECT_TRUE(is_echo_of(reply.bytes(), payload_b, 4));
+    ASSERT_EQ(client_recv(a, reply, kWaitMs), 0);
+    expect_reply_header(reply.msg, id_a, kOpReadReg, 4);
+    EXPECT_TRUE(is_echo_of(reply.bytes(), payload_a, 4));
 }
 
 /* Framing */
 
-static void test_frame_split_into_single_bytes(void **state)
+TEST_F(IpcTransportServed, FrameSplitIntoSingleBytes)
 {
     uint8_t payload[8] = {9, 8, 7, 6, 5, 4, 3, 2};
-    uint8_t frame[HEADER + sizeof(payload)], reply_bytes[sizeof(payload)];
-    size_t len = put_frame(frame, OP_WRITE_REG, payload, sizeof(payload));
+    uint8_t frame[kHeader + sizeof(payload)], reply_bytes[sizeof(payload)];
+    size_t len = put_frame(frame, kOpWriteReg, payload, sizeof(payload));
     ipc_msg_t reply;
-    int fd = raw_connect();
+    UniqueFd fd = raw_connect();
 
-    (void)state;
     for (size_t i = 0; i + 1 < len; i++) {
         write_bytes(fd, frame + i, 1);
         sleep_ms(1);
     }
-    sleep_ms(QUIET_MS);
-    assert_int_equal(seen_now(), 0);
+    sleep_ms(kQuietMs);
+    EXPECT_EQ(server_.seen_now(), 0u);
     write_bytes(fd, frame + len - 1, 1);
-    wait_for_seen(1);
-    assert_seen(0, OP_WRITE_REG, payload, sizeof(payload));
-    read_reply(fd, &reply, reply_bytes, sizeof(reply_bytes));
-    assert_reply_header(&reply, seen_at(0)->record.addr0, OP_WRITE_REG,
-                        sizeof(payload));
-    assert_echo_bytes(reply_bytes, payload, sizeof(payload));
-    close(fd);
+    ASSERT_TRUE(server_.wait_for_seen(1));
+    expect_seen(0, kOpWriteReg, payload, sizeof(payload));
+    ASSERT_NO_FATAL_FAILURE(
+        read_reply(fd, &reply, reply_bytes, sizeof(reply_bytes)));
+    expect_reply_header(reply, conn_of(0), kOpWriteReg, sizeof(payload));
+    EXPECT_TRUE(is_echo_of(reply_bytes, payload, sizeof(payload)));
 }
 
-static const struct frame_case {
+struct FrameCase {
     uint32_t op_id;
     uint32_t len;
-} three_frames[] = {
-    {OP_READ_REG, 8},
+};
+
+constexpr FrameCase three_frames[] = {
+    {kOpReadReg, 8},
     {0xdb0008, 0}, /* get module list: no payload */
     {0xdb000b, 12},
 };
 
-static void test_several_frames_in_one_write(void **state)
+TEST_F(IpcTransportServed, SeveralFramesInOneWrite)
 {
-    uint8_t buf[3 * HEADER + 20], payloads[3][12], reply_bytes[12];
+    uint8_t buf[3 * kHeader + 20], payloads[3][12], reply_bytes[12];
     size_t len = 0;
     ipc_msg_t reply;
-    int fd = raw_connect();
+    UniqueFd fd = raw_connect();
 
-    (void)state;
     for (size_t i = 0; i < 3; i++) {
-        fill_pattern(payloads[i], sizeof(payloads[i]), (unsigned)i * 50);
+        fill_pattern(payloads[i], sizeof(payloads[i]),
+                     static_cast<unsigned>(i) * 50);
         len += put_frame(buf + len, three_frames[i].op_id, payloads[i],
                          three_frames[i].len);
     }
-    assert_int_equal(len, sizeof(buf));
+    ASSERT_EQ(len, sizeof(buf));
     write_bytes(fd, buf, len);
-    wait_for_seen(3);
+    ASSERT_TRUE(server_.wait_for_seen(3));
     for (size_t i = 0; i < 3; i++) {
-        assert_seen(i, three_frames[i].op_id, payloads[i], three_frames[i].len);
-        assert_int_equal(seen_at(i)->record.addr0, seen_at(0)->record.addr0);
+        expect_seen(i, three_frames[i].op_id, payloads[i], three_frames[i].len);
+        EXPECT_EQ(conn_of(i), conn_of(0));
     }
     for (size_t i = 0; i < 3; i++) {
-        read_reply(fd, &reply, reply_bytes, sizeof(reply_bytes));
-        assert_reply_header(&reply, seen_at(0)->record.addr0,
-                            three_frames[i].op_id, three_frames[i].len);
-        assert_echo_bytes(reply_bytes, payloads[i], three_frames[i].len);
+        ASSERT_NO_FATAL_FAILURE(
+            read_reply(fd, &reply, reply_bytes, sizeof(reply_bytes)));
+        expect_reply_header(reply, conn_of(0), three_frames[i].op_id,
+                            three_frames[i].len);
+        EXPECT_TRUE(is_echo_of(reply_bytes, payloads[i], three_frames[i].len));
     }
-    close(fd);
 }
 
 /* Several clients */
 
-static void test_two_clients_interleaved(void **state)
+TEST_F(IpcTransportServed, TwoClientsInterleaved)
 {
-    uint8_t pa[8] = "AAAAaaaa", pb[8] = "BBBBbbbb", reply_bytes[8];
-    uint8_t fa[HEADER + 8], fb[HEADER + 8];
+    uint8_t pa[8] = {'A', 'A', 'A', 'A', 'a', 'a', 'a', 'a'};
+    uint8_t pb[8] = {'B', 'B', 'B', 'B', 'b', 'b', 'b', 'b'};
+    uint8_t fa[kHeader + 8], fb[kHeader + 8], reply_bytes[8];
     ipc_msg_t reply;
-    int a = raw_connect(), b = raw_connect();
+    UniqueFd a = raw_connect(), b = raw_connect();
 
-    (void)state;
     put_frame(fa, 0xdb0004, pa, 8);
     put_frame(fb, 0xdb0005, pb, 8);
     write_bytes(a, fa, 20);
     write_bytes(b, fb, 10);
-    sleep_ms(QUIET_MS);
-    assert_int_equal(seen_now(), 0);
+    sleep_ms(kQuietMs);
+    EXPECT_EQ(server_.seen_now(), 0u);
     write_bytes(a, fa + 20, sizeof(fa) - 20);
-    wait_for_seen(1);
+    ASSERT_TRUE(server_.wait_for_seen(1));
     write_bytes(b, fb + 10, sizeof(fb) - 10);
-    wait_for_seen(2);
-    assert_seen(0, 0xdb0004, pa, 8);
-    assert_seen(1, 0xdb0005, pb, 8);
-    assert_int_not_equal(seen_at(0)->record.addr0, seen_at(1)->record.addr0);
+    ASSERT_TRUE(server_.wait_for_seen(2));
+    expect_seen(0, 0xdb0004, pa, 8);
+    expect_seen(1, 0xdb0005, pb, 8);
+    EXPECT_NE(conn_of(0), conn_of(1));
 
-    read_reply(b, &reply, reply_bytes, sizeof(reply_bytes));
-    assert_reply_header(&reply, seen_at(1)->record.addr0, 0xdb0005, 8);
-    assert_echo_bytes(reply_bytes, pb, 8);
-    read_reply(a, &reply, reply_bytes, sizeof(reply_bytes));
-    assert_reply_header(&reply, seen_at(0)->record.addr0, 0xdb0004, 8);
-    assert_echo_bytes(reply_bytes, pa, 8);
-    close(a);
-    close(b);
+    ASSERT_NO_FATAL_FAILURE(
+        read_reply(b, &reply, reply_bytes, sizeof(reply_bytes)));
+    expect_reply_header(reply, conn_of(1), 0xdb0005, 8);
+    EXPECT_TRUE(is_echo_of(reply_bytes, pb, 8));
+    ASSERT_NO_FATAL_FAILURE(
+        read_reply(a, &reply, reply_bytes, sizeof(reply_bytes)));
+    expect_reply_header(reply, conn_of(0), 0xdb0004, 8);
+    EXPECT_TRUE(is_echo_of(reply_bytes, pa, 8));
 }
 
-static void test_stalled_client_does_not_hold_up_others(void **state)
+TEST_F(IpcTransportServed, StalledClientDoesNotHoldUpOthers)
 {
     uint8_t payload[8] = {0x51, 0x52, 0x53, 0x54, 0x55, 0x56, 0x57, 0x58};
-    uint8_t frame[HEADER + 8], reply_bytes[8];
-    struct ipc_client *other = client_open();
+    uint8_t frame[kHeader + 8], reply_bytes[8];
+    Client other = client_open();
     ipc_msg_t reply;
-    int stalled = raw_connect();
+    UniqueFd stalled = raw_connect();
 
-    (void)state;
-    put_frame(frame, OP_WRITE_REG, payload, sizeof(payload));
-    write_bytes(stalled, frame, HEADER - 1);
-    assert_round_trip(other, 0);
-    assert_round_trip(other, 1);
-    assert_int_equal(seen_now(), 2);
+    put_frame(frame, kOpWriteReg, payload, sizeof(payload));
+    write_bytes(stalled, frame, kHeader - 1);
+    ASSERT_NO_FATAL_FAILURE(round_trip(other, 0));
+    ASSERT_NO_FATAL_FAILURE(round_trip(other, 1));
+    EXPECT_EQ(server_.seen_now(), 2u);
 
-    write_bytes(stalled, frame + HEADER - 1, sizeof(frame) - (HEADER - 1));
-    wait_for_seen(3);
-    assert_seen(2, OP_WRITE_REG, payload, sizeof(payload));
-    read_reply(stalled, &reply, reply_bytes, sizeof(reply_bytes));
-    assert_echo_bytes(reply_bytes, payload, sizeof(payload));
-    ipc_client_close(other);
-    close(stalled);
+    write_bytes(stalled, frame + kHeader - 1, sizeof(frame) - (kHeader - 1));
+    ASSERT_TRUE(server_.wait_for_seen(3));
+    expect_seen(2, kOpWriteReg, payload, sizeof(payload));
+    ASSERT_NO_FATAL_FAILURE(
+        read_reply(stalled, &reply, reply_bytes, sizeof(reply_bytes)));
+    EXPECT_TRUE(is_echo_of(reply_bytes, payload, sizeof(payload)));
 }
 
-static void test_client_gone_before_reply(void **state)
+TEST_F(IpcTransportServed, ClientGoneBeforeReply)
 {
     uint8_t payload[8] = {0};
-    struct ipc_client *gone = client_open();
-    struct ipc_client *other;
+    Client gone = client_open();
     ipc_msg_t late;
 
-    (void)state;
-    set_mode(REPLY_AFTER_GATE);
-    client_send(gone, OP_READ_REG, payload, sizeof(payload));
-    wait_for_seen(1);
-    ipc_client_close(gone);
-    open_gate();
-    assert_int_equal(send_result_at(0), -EPIPE);
+    server_.set_mode(ReplyMode::after_gate);
+    client_send(gone, kOpReadReg, payload, sizeof(payload));
+    ASSERT_TRUE(server_.wait_for_seen(1));
+    gone.reset();
+    server_.open_gate();
+    EXPECT_EQ(server_.send_result_at(0), -EPIPE);
 
-    late = (ipc_msg_t){.addr1 = seen_at(0)->record.addr0,
-                       .payload_len = 4,
-                       .payload = must_alloc(4)};
-    assert_int_equal(ipc_send(server.ctx, &late, 1), -ENOTCONN);
-    assert_null(late.payload);
+    late = message_to(conn_of(0), 4, must_alloc(4));
+    EXPECT_EQ(ipc_send(server_.ctx(), &late, 1), -ENOTCONN);
+    EXPECT_EQ(late.payload, nullptr);
 
-    set_mode(REPLY_ECHO);
-    other = client_open();
-    assert_round_trip(other, 1);
-    ipc_client_close(other);
+    server_.set_mode(ReplyMode::echo);
+    Client other = client_open();
+    ASSERT_NO_FATAL_FAILURE(round_trip(other, 1));
 }
 
 /* Limits */
 
-static void assert_length_closes_connection(uint32_t len)
+TEST_F(IpcTransportServed, PayloadLenFfffffffClosesConnection)
 {
-    ipc_msg_t header = request_header(OP_READ_REG, len);
-    struct ipc_client *other;
-    char text[128];
-    int fd = raw_connect();
-
-    atomic_store(&largest_allocation, 0);
-    write_bytes(fd, &header, HEADER);
-    assert_true(closed_by_server(fd));
-    close(fd);
-    assert_int_equal(seen_now(), 0);
-    if (allocations_watched())
-        assert_true(atomic_load(&largest_allocation) <= IPC_MAX_PAYLOAD);
-    snprintf(text, sizeof(text),
-             "IPC connection closed: payload length %u above 65536", len);
-    assert_single_log(LOG_WARNING, text);
-
-    other = client_open();
-    assert_round_trip(other, 0);
-    ipc_client_close(other);
+    length_closes_connection(0xffffffffu);
 }
 
-static void test_payload_len_ffffffff_closes_connection(void **state)
+TEST_F(IpcTransportServed, PayloadLen65537ClosesConnection)
 {
-    (void)state;
-    assert_length_closes_connection(0xffffffffu);
+    length_closes_connection(65537);
 }
 
-static void test_payload_len_65537_closes_connection(void **state)
+TEST_F(IpcTransportServed, PayloadLen65536IsAccepted)
 {
-    (void)state;
-    assert_length_closes_connection(65537);
+    std::vector<uint8_t> payload(65536);
+    Client c = client_open();
+    Received reply;
+
+    fill_pattern(payload.data(), payload.size(), 7);
+    client_send(c, kOpWriteReg, payload.data(), 65536);
+    ASSERT_TRUE(server_.wait_for_seen(1));
+    expect_seen(0, kOpWriteReg, payload.data(), 65536);
+    ASSERT_EQ(client_recv(c, reply, kWaitMs), 0);
+    expect_reply_header(reply.msg, conn_of(0), kOpWriteReg, 65536);
+    EXPECT_TRUE(is_echo_of(reply.bytes(), payload.data(), 65536));
 }
 
-static void test_payload_len_65536_is_accepted(void **state)
+TEST_F(IpcTransportServed, ZeroLengthPayload)
 {
-    uint8_t *payload = must_alloc(65536);
-    struct ipc_client *c = client_open();
-    ipc_msg_t reply;
+    Client c = client_open();
+    Received reply;
 
-    (void)state;
-    fill_pattern(payload, 65536, 7);
-    client_send(c, OP_WRITE_REG, payload, 65536);
-    wait_for_seen(1);
-    assert_seen(0, OP_WRITE_REG, payload, 65536);
-    assert_int_equal(ipc_client_recv(c, &reply, WAIT_MS), 0);
-    assert_reply_header(&reply, seen_at(0)->record.addr0, OP_WRITE_REG, 65536);
-    assert_echo_bytes(reply.payload, payload, 65536);
-    free(reply.payload);
-    free(payload);
-    ipc_client_close(c);
-}
-
-static void test_zero_length_payload(void **state)
-{
-    struct ipc_client *c = client_open();
-    ipc_msg_t reply;
-
-    (void)state;
-    client_send(c, 0xdb000a, NULL, 0);
-    wait_for_seen(1);
-    assert_seen(0, 0xdb000a, NULL, 0);
-    assert_int_equal(ipc_client_recv(c, &reply, WAIT_MS), 0);
-    assert_reply_header(&reply, seen_at(0)->record.addr0, 0xdb000a, 0);
-    assert_null(reply.payload);
-    assert_int_equal(ipc_client_recv(c, &reply, QUIET_MS), -ETIMEDOUT);
-    assert_null(reply.payload);
-    ipc_client_close(c);
+    client_send(c, 0xdb000a, nullptr, 0);
+    ASSERT_TRUE(server_.wait_for_seen(1));
+    expect_seen(0, 0xdb000a, nullptr, 0);
+    ASSERT_EQ(client_recv(c, reply, kWaitMs), 0);
+    expect_reply_header(reply.msg, conn_of(0), 0xdb000a, 0);
+    EXPECT_EQ(reply.msg.payload, nullptr);
+    EXPECT_EQ(client_recv(c, reply, kQuietMs), -ETIMEDOUT);
+    EXPECT_EQ(reply.msg.payload, nullptr);
 }
 
 /* Replies */
 
-static void test_replies_in_order_on_one_connection(void **state)
+TEST_F(IpcTransportServed, RepliesInOrderOnOneConnection)
 {
     static const uint32_t ops[] = {0xdb0002, 0xdb0003, 0xdb0004, 0xdb0005,
                                    0xdb0007};
     uint8_t payloads[5][5];
-    struct ipc_client *c = client_open();
-    ipc_msg_t reply;
+    Client c = client_open();
+    Received reply;
 
-    (void)state;
     for (size_t i = 0; i < 5; i++) {
-        fill_pattern(payloads[i], i + 1, (unsigned)i + 100);
-        client_send(c, ops[i], payloads[i], (uint32_t)i + 1);
+        fill_pattern(payloads[i], i + 1, static_cast<unsigned>(i) + 100);
+        client_send(c, ops[i], payloads[i], static_cast<uint32_t>(i) + 1);
     }
     for (size_t i = 0; i < 5; i++) {
-        assert_int_equal(ipc_client_recv(c, &reply, WAIT_MS), 0);
-        assert_reply_header(&reply, seen_at(0)->record.addr0, ops[i],
-                            (uint32_t)i + 1);
-        assert_echo_bytes(reply.payload, payloads[i], (uint32_t)i + 1);
-        free(reply.payload);
+        ASSERT_EQ(client_recv(c, reply, kWaitMs), 0);
+        expect_reply_header(reply.msg, conn_of(0), ops[i],
+                            static_cast<uint32_t>(i) + 1);
+        EXPECT_TRUE(is_echo_of(reply.bytes(), payloads[i],
+                               static_cast<uint32_t>(i) + 1));
     }
-    ipc_client_close(c);
 }
 
-static void test_nic_stats_reply_of_16_plus_8360_bytes(void **state)
+TEST_F(IpcTransportServed, NicStatsReplyOf16Plus8360Bytes)
 {
     uint8_t request[16] = {4, 0, 0, 0, 1, 0, 0, 0}; /* nic, pipe 1 */
     static const uint8_t head[16] = {
@@ -974,161 +1244,115 @@ static void test_nic_stats_reply_of_16_plus_8360_bytes(void **state)
         0x01, 0x00, 0x00, 0x00,                         /* pipe 1 */
         0xa8, 0x20, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, /* N: 8360 */
     };
-    uint8_t expected[16 + NIC_STATS_SIZE];
-    struct ipc_client *c = client_open();
-    ipc_msg_t reply;
+    std::vector<uint8_t> expected(16 + kNicStatsSize);
+    Client c = client_open();
+    Received reply;
 
-    (void)state;
-    memcpy(expected, head, sizeof(head));
-    for (size_t i = 0; i < NIC_STATS_SIZE; i++)
+    memcpy(expected.data(), head, sizeof(head));
+    for (size_t i = 0; i < kNicStatsSize; i++)
         expected[16 + i] = stats_byte(i);
-    client_send(c, OP_GET_STATS, request, sizeof(request));
-    assert_int_equal(ipc_client_recv(c, &reply, WAIT_MS), 0);
-    assert_reply_header(&reply, seen_at(0)->record.addr0, OP_GET_STATS,
-                        16 + NIC_STATS_SIZE);
-    assert_memory_equal(reply.payload, expected, sizeof(expected));
-    free(reply.payload);
-    ipc_client_close(c);
-}
-
-static uint32_t silent_request(struct ipc_client *c)
-{
-    set_mode(REPLY_NONE);
-    client_send(c, OP_READ_REG, "\0\0\0\0\0\0\0", 8);
-    wait_for_seen(1);
-    return seen_at(0)->record.addr0;
-}
-
-static int send_pattern(uint32_t conn_id, unsigned seed)
-{
-    ipc_msg_t reply = {
-        .addr0 = APP_ID,
-        .addr1 = conn_id,
-        .op_id = OP_READ_REG,
-        .aux_byte = 1,
-        .msg_type = 2,
-        .payload_len = IPC_MAX_PAYLOAD,
-        .payload = must_alloc(IPC_MAX_PAYLOAD),
-    };
-
-    fill_pattern(reply.payload, IPC_MAX_PAYLOAD, seed);
-    return ipc_send(server.ctx, &reply, 1);
-}
-
-static void assert_pattern_reply(const ipc_msg_t *reply, uint32_t conn_id,
-                                 unsigned seed)
-{
-    uint8_t *expected = must_alloc(IPC_MAX_PAYLOAD);
-
-    fill_pattern(expected, IPC_MAX_PAYLOAD, seed);
-    assert_reply_header(reply, conn_id, OP_READ_REG, IPC_MAX_PAYLOAD);
-    assert_memory_equal(reply->payload, expected, IPC_MAX_PAYLOAD);
-    free(expected);
+    client_send(c, kOpGetStats, request, sizeof(request));
+    ASSERT_EQ(client_recv(c, reply, kWaitMs), 0);
+    expect_reply_header(reply.msg, conn_of(0), kOpGetStats, 16 + kNicStatsSize);
+    EXPECT_TRUE(same_bytes(reply.bytes(), expected.data(), expected.size()));
 }
 
 /* Sent from this thread while the server thread waits in ipc_recv: more
  * than the socket takes, so the rest goes out as the client reads. */
-static void test_replies_wait_for_a_slow_reader(void **state)
+TEST_F(IpcTransportServed, RepliesWaitForASlowReader)
 {
-    struct ipc_client *c = client_open();
+    Client c = client_open();
     uint32_t id = silent_request(c);
-    ipc_msg_t reply;
+    Received reply;
 
-    (void)state;
     for (unsigned i = 0; i < 8; i++)
-        assert_int_equal(send_pattern(id, i), 0);
-    sleep_ms(QUIET_MS);
+        ASSERT_EQ(send_pattern(id, i), 0) << "reply " << i;
+    sleep_ms(kQuietMs);
     for (unsigned i = 0; i < 8; i++) {
-        assert_int_equal(ipc_client_recv(c, &reply, WAIT_MS), 0);
-        assert_pattern_reply(&reply, id, i);
-        free(reply.payload);
+        ASSERT_EQ(client_recv(c, reply, kWaitMs), 0) << "reply " << i;
+        expect_pattern_reply(reply.msg, id, i);
     }
-    ipc_client_close(c);
 }
 
-static void test_client_that_never_reads_is_dropped(void **state)
+TEST_F(IpcTransportServed, ClientThatNeverReadsIsDropped)
 {
-    struct ipc_client *c = client_open();
+    Client c = client_open();
     uint32_t id = silent_request(c);
     unsigned sent = 0, received = 0;
-    ipc_msg_t reply;
+    Received reply;
     int rc;
 
-    (void)state;
     while ((rc = send_pattern(id, sent)) == 0 && sent < 40)
         sent++;
-    assert_int_equal(rc, -ENOBUFS);
-    assert_true(sent * (HEADER + IPC_MAX_PAYLOAD) > IPC_MAX_PENDING_OUTPUT);
-    assert_int_equal(send_pattern(id, 0), -ENOTCONN);
-    assert_single_log(LOG_WARNING, "IPC connection closed: more than 1048576 "
+    EXPECT_EQ(rc, -ENOBUFS);
+    EXPECT_GT(sent * (kHeader + IPC_MAX_PAYLOAD), IPC_MAX_PENDING_OUTPUT);
+    EXPECT_EQ(send_pattern(id, 0), -ENOTCONN);
+    expect_single_log(LOG_WARNING, "IPC connection closed: more than 1048576 "
                                    "bytes of replies unread");
 
-    while ((rc = ipc_client_recv(c, &reply, WAIT_MS)) == 0) {
-        assert_pattern_reply(&reply, id, received++);
-        free(reply.payload);
-    }
-    assert_int_equal(rc, -ECONNRESET);
-    assert_true(received >= 1 && received < sent);
-    ipc_client_close(c);
+    while ((rc = client_recv(c, reply, kWaitMs)) == 0 && received <= sent)
+        expect_pattern_reply(reply.msg, id, received++);
+    EXPECT_EQ(rc, -ECONNRESET);
+    EXPECT_GE(received, 1u);
+    EXPECT_LT(received, sent);
 }
 
-static void test_half_closed_client_gets_its_replies(void **state)
+TEST_F(IpcTransportServed, HalfClosedClientGetsItsReplies)
 {
-    uint8_t buf[3 * HEADER + 20], payloads[3][12], reply_bytes[12];
+    uint8_t buf[3 * kHeader + 20], payloads[3][12], reply_bytes[12];
     size_t len = 0;
     ipc_msg_t reply;
-    int fd = raw_connect();
+    UniqueFd fd = raw_connect();
 
-    (void)state;
     for (size_t i = 0; i < 3; i++) {
-        fill_pattern(payloads[i], sizeof(payloads[i]), (unsigned)i);
+        fill_pattern(payloads[i], sizeof(payloads[i]),
+                     static_cast<unsigned>(i));
         len += put_frame(buf + len, three_frames[i].op_id, payloads[i],
                          three_frames[i].len);
     }
     write_bytes(fd, buf, len);
-    assert_int_equal(shutdown(fd, SHUT_WR), 0);
+    ASSERT_EQ(shutdown(fd.get(), SHUT_WR), 0);
     for (size_t i = 0; i < 3; i++) {
-        read_reply(fd, &reply, reply_bytes, sizeof(reply_bytes));
-        assert_int_equal(reply.op_id, three_frames[i].op_id);
-        assert_echo_bytes(reply_bytes, payloads[i], three_frames[i].len);
+        ASSERT_NO_FATAL_FAILURE(
+            read_reply(fd, &reply, reply_bytes, sizeof(reply_bytes)));
+        EXPECT_EQ(reply.op_id, three_frames[i].op_id);
+        EXPECT_TRUE(is_echo_of(reply_bytes, payloads[i], three_frames[i].len));
     }
-    assert_true(closed_by_server(fd));
-    close(fd);
+    EXPECT_TRUE(closed_by_server(fd));
 }
 
 /* The replies queued when the client shuts its side still go out. */
-static void test_half_closed_client_gets_queued_replies(void **state)
+TEST_F(IpcTransportServed, HalfClosedClientGetsQueuedReplies)
 {
-    uint8_t frame[HEADER + 8] = {0};
-    uint8_t *bytes = must_alloc(IPC_MAX_PAYLOAD);
+    uint8_t frame[kHeader + 8] = {0};
+    std::vector<uint8_t> bytes(IPC_MAX_PAYLOAD);
     ipc_msg_t reply;
     uint32_t id;
-    int fd = raw_connect();
+    UniqueFd fd = raw_connect();
 
-    (void)state;
-    set_mode(REPLY_NONE);
-    write_bytes(fd, frame, put_frame(frame, OP_READ_REG, "1234567", 8));
-    wait_for_seen(1);
-    id = seen_at(0)->record.addr0;
+    server_.set_mode(ReplyMode::none);
+    write_bytes(fd, frame, put_frame(frame, kOpReadReg, "1234567", 8));
+    ASSERT_TRUE(server_.wait_for_seen(1));
+    id = conn_of(0);
     for (unsigned i = 0; i < 8; i++)
-        assert_int_equal(send_pattern(id, i), 0);
-    assert_int_equal(shutdown(fd, SHUT_WR), 0);
-    sleep_ms(QUIET_MS);
+        ASSERT_EQ(send_pattern(id, i), 0) << "reply " << i;
+    ASSERT_EQ(shutdown(fd.get(), SHUT_WR), 0);
+    sleep_ms(kQuietMs);
     for (unsigned i = 0; i < 8; i++) {
-        read_reply(fd, &reply, bytes, IPC_MAX_PAYLOAD);
-        reply.payload = bytes;
-        assert_pattern_reply(&reply, id, i);
+        ASSERT_NO_FATAL_FAILURE(
+            read_reply(fd, &reply, bytes.data(), bytes.size()))
+            << "reply " << i;
+        reply.payload = bytes.data();
+        expect_pattern_reply(reply, id, i);
     }
-    assert_true(closed_by_server(fd));
-    free(bytes);
-    close(fd);
+    EXPECT_TRUE(closed_by_server(fd));
 }
 
 /* Connections */
 
-static bool fds_back_to(size_t baseline)
+bool fds_back_to(size_t baseline)
 {
-    int64_t deadline = now_ms() + WAIT_MS;
+    int64_t deadline = now_ms() + kWaitMs;
 
     while (count_open_fds() != baseline) {
         if (now_ms() > deadline)
@@ -1138,399 +1362,391 @@ static bool fds_back_to(size_t baseline)
     return true;
 }
 
-static void test_closed_connections_are_released(void **state)
+TEST_F(IpcTransportServed, ClosedConnectionsAreReleased)
 {
-    uint8_t frame[HEADER + 8] = {0};
+    uint8_t frame[kHeader + 8] = {0};
     size_t baseline = count_open_fds();
-    int half = raw_connect(), whole = raw_connect(), idle = raw_connect();
+    UniqueFd half = raw_connect(), whole = raw_connect(), idle = raw_connect();
 
-    (void)state;
-    put_frame(frame, OP_READ_REG, "12345678", 8);
+    put_frame(frame, kOpReadReg, "12345678", 8);
     write_bytes(half, frame, 20);
     write_bytes(whole, frame, sizeof(frame));
-    wait_for_seen(1);
-    close(half);
-    close(whole);
-    close(idle);
-    assert_true(fds_back_to(baseline));
+    ASSERT_TRUE(server_.wait_for_seen(1));
+    half.reset();
+    whole.reset();
+    idle.reset();
+    EXPECT_TRUE(fds_back_to(baseline))
+        << count_open_fds() << " fds open, " << baseline << " before";
 }
 
-static void test_connections_beyond_the_limit_are_closed(void **state)
+TEST_F(IpcTransportServed, ConnectionsBeyondTheLimitAreClosed)
 {
-    int fds[IPC_MAX_CONNECTIONS + 1];
-    uint8_t frame[HEADER + 8], reply_bytes[8];
+    std::vector<UniqueFd> fds;
+    uint8_t frame[kHeader + 8], reply_bytes[8];
     ipc_msg_t reply;
 
-    (void)state;
-    for (size_t i = 0; i <= IPC_MAX_CONNECTIONS; i++)
-        fds[i] = raw_connect();
-    assert_true(closed_by_server(fds[IPC_MAX_CONNECTIONS]));
-    assert_single_log(LOG_WARNING,
+    for (size_t i = 0; i <= IPC_MAX_CONNECTIONS; i++) {
+        fds.push_back(raw_connect());
+        ASSERT_TRUE(fds.back().valid()) << "connection " << i;
+    }
+    EXPECT_TRUE(closed_by_server(fds[IPC_MAX_CONNECTIONS]));
+    expect_single_log(LOG_WARNING,
                       "IPC connection refused: 64 connections open");
-    put_frame(frame, OP_WRITE_REG, "abcdefgh", 8);
+    put_frame(frame, kOpWriteReg, "abcdefgh", 8);
     write_bytes(fds[IPC_MAX_CONNECTIONS - 1], frame, sizeof(frame));
-    read_reply(fds[IPC_MAX_CONNECTIONS - 1], &reply, reply_bytes, 8);
-    assert_echo_bytes(reply_bytes, (const uint8_t *)"abcdefgh", 8);
-    for (size_t i = 0; i <= IPC_MAX_CONNECTIONS; i++)
-        close(fds[i]);
+    ASSERT_NO_FATAL_FAILURE(
+        read_reply(fds[IPC_MAX_CONNECTIONS - 1], &reply, reply_bytes, 8));
+    EXPECT_TRUE(is_echo_of(reply_bytes,
+                           reinterpret_cast<const uint8_t *>("abcdefgh"), 8));
+}
+
+TEST_F(IpcTransportServed, LiveSocketIsNotReplaced)
+{
+    Ctx second(kAppId);
+    struct stat st;
+
+    EXPECT_EQ(ipc_ctx_add_endpoint(second.get(), kAppId, IPC_SOCK_SERVER, 1),
+              -EADDRINUSE);
+    expect_single_log(LOG_ERR,
+                      "IPC endpoint 219 not opened: Address already in use");
+    second.destroy();
+    EXPECT_EQ(lstat(kSocketPath, &st), 0);
+    Client c = client_open();
+    ASSERT_NO_FATAL_FAILURE(round_trip(c, 0));
 }
 
 /* Endpoint */
 
-static void test_endpoint_creates_directories_and_modes(void **state)
+/* Sets the umask for a scope. */
+class UmaskScope
 {
-    struct group *group = getgrnam(IPC_SOCKET_GROUP);
-    gid_t expected_gid = group != NULL ? group->gr_gid : 0;
-    uint64_t ctx = ipc_ctx_init(APP_ID);
-    mode_t old_mask;
+  public:
+    explicit UmaskScope(mode_t mask) : old_(umask(mask))
+    {
+    }
+    UmaskScope(const UmaskScope &) = delete;
+    UmaskScope &operator=(const UmaskScope &) = delete;
+    ~UmaskScope()
+    {
+        umask(old_);
+    }
+
+  private:
+    mode_t old_;
+};
+
+TEST_F(IpcTransportEndpoint, EndpointCreatesDirectoriesAndModes)
+{
+    group *grp = getgrnam(IPC_SOCKET_GROUP);
+    gid_t expected_gid = grp != nullptr ? grp->gr_gid : 0;
+    Ctx ctx(kAppId);
     struct stat st;
 
-    (void)state;
-    remove_run_orvel();
-    old_mask = umask(077);
-    assert_int_equal(ipc_ctx_add_endpoint(ctx, APP_ID, IPC_SOCK_SERVER, 1), 0);
-    umask(old_mask);
-    assert_int_equal(stat(RUN_ORVEL, &st), 0);
-    assert_true(S_ISDIR(st.st_mode));
-    assert_int_equal(st.st_mode & 07777, 0755);
-    assert_int_equal(stat(SOCKET_DIR, &st), 0);
-    assert_true(S_ISDIR(st.st_mode));
-    assert_int_equal(st.st_mode & 07777, 0755);
-    assert_int_equal(lstat(SOCKET_PATH, &st), 0);
-    assert_true(S_ISSOCK(st.st_mode));
-    assert_int_equal(st.st_mode & 07777, 0660);
-    assert_int_equal(st.st_gid, expected_gid);
-    ipc_ctx_destroy(ctx);
-    assert_int_equal(lstat(SOCKET_PATH, &st), -1);
-    assert_int_equal(errno, ENOENT);
+    ASSERT_EQ(access(kRunOrvel, F_OK), -1) << "a fresh /run has no /run/orvel";
+    {
+        UmaskScope mask(077);
+
+        ASSERT_EQ(ipc_ctx_add_endpoint(ctx.get(), kAppId, IPC_SOCK_SERVER, 1),
+                  0);
+    }
+    ASSERT_EQ(stat(kRunOrvel, &st), 0);
+    EXPECT_TRUE(S_ISDIR(st.st_mode));
+    EXPECT_EQ(st.st_mode & 07777, 0755u);
+    ASSERT_EQ(stat(kSocketDir, &st), 0);
+    EXPECT_TRUE(S_ISDIR(st.st_mode));
+    EXPECT_EQ(st.st_mode & 07777, 0755u);
+    ASSERT_EQ(lstat(kSocketPath, &st), 0);
+    EXPECT_TRUE(S_ISSOCK(st.st_mode));
+    EXPECT_EQ(st.st_mode & 07777, 0660u);
+    EXPECT_EQ(st.st_gid, expected_gid);
+    ctx.destroy();
+    EXPECT_EQ(lstat(kSocketPath, &st), -1);
+    EXPECT_EQ(errno, ENOENT);
 }
 
-static int inline_callbacks;
-static void *inline_payload_seen;
+int inline_callbacks;
+void *inline_payload_seen;
 
-static void count_callback(void *unused, ipc_msg_t *msg)
+void count_callback(void *, ipc_msg_t *msg) noexcept
 {
-    (void)unused;
     inline_callbacks++;
     inline_payload_seen = msg->payload;
 }
 
 /* One request and its reply with ipc_recv on this thread. */
-static void assert_serves_inline(uint64_t ctx)
+void serves_inline(uint64_t ctx)
 {
     uint8_t request[8] = {0x0f, 0x1e, 0x2d, 0x3c, 0x4b, 0x5a, 0x69, 0x78};
-    struct ipc_client *c = client_open();
-    ipc_msg_t msg, reply;
+    Client c = client_open();
+    Received msg, reply;
 
     inline_callbacks = 0;
-    assert_int_equal(ipc_ctx_init_proxy(ctx, 1, count_callback, 0), 0);
-    client_send(c, OP_READ_REG, request, sizeof(request));
-    assert_int_equal(ipc_recv(ctx, &msg, WAIT_MS), 0);
-    assert_int_equal(inline_callbacks, 1);
-    assert_ptr_equal(inline_payload_seen, msg.payload);
-    assert_int_not_equal(msg.addr0, 0);
-    assert_int_equal(msg.addr1, APP_ID);
-    assert_int_equal(msg.payload_len, sizeof(request));
-    assert_memory_equal(msg.payload, request, sizeof(request));
-    assert_int_equal(answer(ctx, &msg), 0);
-    assert_int_equal(ipc_client_recv(c, &reply, WAIT_MS), 0);
-    assert_reply_header(&reply, msg.addr0, OP_READ_REG, sizeof(request));
-    assert_echo_bytes(reply.payload, request, sizeof(request));
-    free(reply.payload);
-    free(msg.payload);
-    ipc_client_close(c);
+    ASSERT_EQ(ipc_ctx_init_proxy(ctx, 1, count_callback, 0), 0);
+    client_send(c, kOpReadReg, request, sizeof(request));
+    ASSERT_EQ(ipc_recv(ctx, &msg.msg, kWaitMs), 0);
+    EXPECT_EQ(inline_callbacks, 1);
+    EXPECT_EQ(inline_payload_seen, msg.msg.payload);
+    EXPECT_NE(msg.msg.addr0, 0u);
+    EXPECT_EQ(msg.msg.addr1, kAppId);
+    ASSERT_EQ(msg.msg.payload_len, sizeof(request));
+    EXPECT_TRUE(same_bytes(msg.msg.payload, request, sizeof(request)));
+    ASSERT_EQ(answer(ctx, &msg.msg), 0);
+    ASSERT_EQ(client_recv(c, reply, kWaitMs), 0);
+    expect_reply_header(reply.msg, msg.msg.addr0, kOpReadReg, sizeof(request));
+    EXPECT_TRUE(is_echo_of(reply.bytes(), request, sizeof(request)));
 }
 
-static void test_stale_socket_is_replaced(void **state)
+TEST_F(IpcTransportEndpoint, StaleSocketIsReplaced)
 {
-    uint64_t ctx = ipc_ctx_init(APP_ID);
+    Ctx ctx(kAppId);
 
-    (void)state;
-    make_socket_dir();
-    unlink(SOCKET_PATH);
-    make_stale_socket(SOCKET_PATH);
-    assert_int_equal(ipc_ctx_add_endpoint(ctx, APP_ID, IPC_SOCK_SERVER, 1), 0);
-    assert_serves_inline(ctx);
-    ipc_ctx_destroy(ctx);
+    ASSERT_NO_FATAL_FAILURE(make_socket_dir());
+    unlink(kSocketPath);
+    ASSERT_NO_FATAL_FAILURE(make_stale_socket(kSocketPath));
+    ASSERT_EQ(ipc_ctx_add_endpoint(ctx.get(), kAppId, IPC_SOCK_SERVER, 1), 0);
+    serves_inline(ctx.get());
 }
 
-static void test_file_that_is_not_a_socket_is_kept(void **state)
+TEST_F(IpcTransportEndpoint, FileThatIsNotASocketIsKept)
 {
-    uint64_t ctx = ipc_ctx_init(APP_ID);
+    Ctx ctx(kAppId);
     char content[8] = {0};
-    int fd;
 
-    (void)state;
-    make_socket_dir();
-    unlink(SOCKET_PATH);
-    fd = open(SOCKET_PATH, O_WRONLY | O_CREAT | O_EXCL, 0644);
-    assert_true(fd >= 0);
-    assert_int_equal(write(fd, "keep", 4), 4);
-    close(fd);
-    assert_int_equal(ipc_ctx_add_endpoint(ctx, APP_ID, IPC_SOCK_SERVER, 1),
-                     -EEXIST);
-    fd = open(SOCKET_PATH, O_RDONLY);
-    assert_true(fd >= 0);
-    assert_int_equal(read(fd, content, sizeof(content)), 4);
-    assert_string_equal(content, "keep");
-    close(fd);
-    unlink(SOCKET_PATH);
-    ipc_ctx_destroy(ctx);
-}
+    ASSERT_NO_FATAL_FAILURE(make_socket_dir());
+    unlink(kSocketPath);
+    {
+        UniqueFd fd(
+            open(kSocketPath, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
 
-static void test_live_socket_is_not_replaced(void **state)
-{
-    uint64_t second = ipc_ctx_init(APP_ID);
-    struct ipc_client *c;
-    struct stat st;
+        ASSERT_TRUE(fd.valid()) << strerror(errno);
+        ASSERT_EQ(write(fd.get(), "keep", 4), 4);
+    }
+    EXPECT_EQ(ipc_ctx_add_endpoint(ctx.get(), kAppId, IPC_SOCK_SERVER, 1),
+              -EEXIST);
+    {
+        UniqueFd fd(open(kSocketPath, O_RDONLY | O_CLOEXEC));
 
-    (void)state;
-    assert_int_equal(ipc_ctx_add_endpoint(second, APP_ID, IPC_SOCK_SERVER, 1),
-                     -EADDRINUSE);
-    assert_single_log(LOG_ERR,
-                      "IPC endpoint 219 not opened: Address already in use");
-    ipc_ctx_destroy(second);
-    assert_int_equal(lstat(SOCKET_PATH, &st), 0);
-    c = client_open();
-    assert_round_trip(c, 0);
-    ipc_client_close(c);
+        ASSERT_TRUE(fd.valid()) << strerror(errno);
+        EXPECT_EQ(read(fd.get(), content, sizeof(content)), 4);
+    }
+    EXPECT_STREQ(content, "keep");
+    unlink(kSocketPath);
 }
 
 /* A server that does not take the transport's lock is still seen. */
-static void test_foreign_live_socket_is_not_replaced(void **state)
+TEST_F(IpcTransportEndpoint, ForeignLiveSocketIsNotReplaced)
 {
-    struct sockaddr_un addr = {.sun_family = AF_UNIX, .sun_path = OTHER_PATH};
-    uint64_t ctx = ipc_ctx_init(OTHER_APP_ID);
-    int listener = socket(AF_UNIX, SOCK_STREAM, 0), client, accepted;
+    sockaddr_un addr = unix_address(kOtherPath);
+    Ctx ctx(kOtherAppId);
+    UniqueFd listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
 
-    (void)state;
-    make_socket_dir();
-    unlink(OTHER_PATH);
-    assert_int_equal(bind(listener, (struct sockaddr *)&addr, sizeof(addr)), 0);
-    assert_int_equal(listen(listener, 4), 0);
-    assert_int_equal(
-        ipc_ctx_add_endpoint(ctx, OTHER_APP_ID, IPC_SOCK_SERVER, 1),
-        -EADDRINUSE);
-    ipc_ctx_destroy(ctx);
-    client = raw_connect_to(OTHER_PATH);
-    accepted = accept(listener, NULL, NULL);
-    assert_true(accepted >= 0);
-    close(accepted);
-    close(client);
-    close(listener);
-    unlink(OTHER_PATH);
+    ASSERT_TRUE(listener.valid()) << strerror(errno);
+    ASSERT_NO_FATAL_FAILURE(make_socket_dir());
+    unlink(kOtherPath);
+    ASSERT_EQ(
+        bind(listener.get(), reinterpret_cast<sockaddr *>(&addr), sizeof(addr)),
+        0)
+        << strerror(errno);
+    ASSERT_EQ(listen(listener.get(), 4), 0);
+    EXPECT_EQ(ipc_ctx_add_endpoint(ctx.get(), kOtherAppId, IPC_SOCK_SERVER, 1),
+              -EADDRINUSE);
+    ctx.destroy();
+    UniqueFd client = raw_connect_to(kOtherPath);
+    UniqueFd accepted(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
+    EXPECT_TRUE(accepted.valid()) << strerror(errno);
+    unlink(kOtherPath);
 }
 
 /* Client side */
 
-static void test_socket_path_of_an_app_id(void **state)
+TEST(IpcTransport, SocketPathOfAnAppId)
 {
     char path[64], small[16];
 
-    (void)state;
-    assert_int_equal(ipc_socket_path(APP_ID, path, sizeof(path)), 0);
-    assert_string_equal(path, "/run/orvel/ipc/219.sock");
-    assert_int_equal(ipc_socket_path(APP_ID, small, sizeof(small)),
-                     -ENAMETOOLONG);
+    ASSERT_EQ(ipc_socket_path(kAppId, path, sizeof(path)), 0);
+    EXPECT_STREQ(path, "/run/orvel/ipc/219.sock");
+    EXPECT_EQ(ipc_socket_path(kAppId, small, sizeof(small)), -ENAMETOOLONG);
 }
 
-static int open_as_nobody(void)
-{
-    struct ipc_client *c = NULL;
+/* Exit codes of the child that tries the socket as nobody. */
+constexpr int kRefusedAsExpected = 0;
+constexpr int kCannotBecomeNobody = 1;
+constexpr int kNotRefused = 2;
 
-    if (setgroups(0, NULL) != 0 || setgid(NOBODY) != 0 || setuid(NOBODY) != 0)
-        return 1;
-    return ipc_client_open(SOCKET_PATH, &c) == -EACCES && c == NULL ? 0 : 2;
+/* In a child: becomes nobody and must be refused the socket. Says on
+ * report_fd why it could not become nobody, or what it got instead. */
+[[noreturn]] void open_as_nobody(int report_fd)
+{
+    const char *step = nullptr;
+    ipc_client *c = nullptr;
+    int rc;
+
+    if (setgroups(0, nullptr) != 0)
+        step = "setgroups";
+    else if (setgid(kNobody) != 0)
+        step = "setgid";
+    else if (setuid(kNobody) != 0)
+        step = "setuid";
+    if (step != nullptr) {
+        dprintf(report_fd, "%s: %s", step, strerror(errno));
+        _exit(kCannotBecomeNobody);
+    }
+    rc = ipc_client_open(kSocketPath, &c);
+    if (rc == -EACCES && c == nullptr)
+        _exit(kRefusedAsExpected);
+    dprintf(report_fd, "ipc_client_open returned %d (%s), client %s", rc,
+            strerror(-rc), c != nullptr ? "set" : "null");
+    _exit(kNotRefused);
 }
 
-static void test_client_open_errors(void **state)
+std::string read_report(const UniqueFd &fd)
 {
-    char long_path[200];
-    struct ipc_client *c = (struct ipc_client *)&c; /* any non-null */
-    uint64_t ctx = ipc_ctx_init(APP_ID);
-    int status;
-    pid_t pid;
+    std::string text;
+    char buf[256];
+    ssize_t n;
 
-    (void)state;
-    make_socket_dir();
-    unlink(SOCKET_PATH);
-    assert_int_equal(ipc_client_open(SOCKET_PATH, &c), -ENOENT);
-    assert_null(c);
-    make_stale_socket(SOCKET_PATH);
-    assert_int_equal(ipc_client_open(SOCKET_PATH, &c), -ECONNREFUSED);
-    memset(long_path, 'x', sizeof(long_path) - 1);
-    long_path[sizeof(long_path) - 1] = '\0';
-    assert_int_equal(ipc_client_open(long_path, &c), -ENAMETOOLONG);
+    while ((n = read(fd.get(), buf, sizeof(buf))) > 0)
+        text.append(buf, static_cast<size_t>(n));
+    return text;
+}
 
-    assert_int_equal(ipc_ctx_add_endpoint(ctx, APP_ID, IPC_SOCK_SERVER, 1), 0);
-    pid = fork();
-    assert_true(pid >= 0);
+TEST_F(IpcTransportEndpoint, ClientOpenErrors)
+{
+    std::string long_path(199, 'x');
+    ipc_client *c = reinterpret_cast<ipc_client *>(&c); /* any non-null */
+    Ctx ctx(kAppId);
+    int pipe_fds[2];
+    int status = 0;
+
+    ASSERT_NO_FATAL_FAILURE(make_socket_dir());
+    unlink(kSocketPath);
+    EXPECT_EQ(ipc_client_open(kSocketPath, &c), -ENOENT);
+    EXPECT_EQ(c, nullptr);
+    ASSERT_NO_FATAL_FAILURE(make_stale_socket(kSocketPath));
+    EXPECT_EQ(ipc_client_open(kSocketPath, &c), -ECONNREFUSED);
+    EXPECT_EQ(ipc_client_open(long_path.c_str(), &c), -ENAMETOOLONG);
+
+    ASSERT_EQ(ipc_ctx_add_endpoint(ctx.get(), kAppId, IPC_SOCK_SERVER, 1), 0);
+    ASSERT_EQ(pipe2(pipe_fds, O_CLOEXEC), 0) << strerror(errno);
+    UniqueFd report(pipe_fds[0]), report_w(pipe_fds[1]);
+    pid_t pid = fork();
+    ASSERT_GE(pid, 0) << "fork: " << strerror(errno);
     if (pid == 0)
-        _exit(open_as_nobody());
-    assert_int_equal(sim_wait(pid, WAIT_MS, &status), 0);
-    assert_true(WIFEXITED(status));
-    assert_int_equal(WEXITSTATUS(status), 0);
-    ipc_ctx_destroy(ctx);
+        open_as_nobody(report_w.get());
+    Child child(pid);
+    report_w.reset();
+    ASSERT_EQ(child.wait(kWaitMs, &status), 0) << strerror(errno);
+    std::string why = read_report(report);
+    ASSERT_TRUE(WIFEXITED(status)) << "status " << status;
+    if (WEXITSTATUS(status) == kCannotBecomeNobody)
+        GTEST_SKIP() << "cannot become nobody (uid " << kNobody
+                     << ") to be refused the socket: " << why
+                     << " (run as root outside a user namespace)";
+    EXPECT_EQ(WEXITSTATUS(status), kRefusedAsExpected) << why;
 }
 
 /* Arguments, timeouts, diagnostics */
 
-static void assert_all_zero(const ipc_msg_t *msg)
+void expect_all_zero(const ipc_msg_t &msg)
 {
-    static const ipc_msg_t zero;
+    static const ipc_msg_t zero{};
 
-    assert_memory_equal(msg, &zero, sizeof(zero));
+    EXPECT_TRUE(same_bytes(&msg, &zero, sizeof(zero)));
 }
 
-static void test_recv_timeout_and_bad_arguments(void **state)
+TEST_F(IpcTransportEndpoint, RecvTimeoutAndBadArguments)
 {
-    uint64_t ctx = ipc_ctx_init(APP_ID);
+    Ctx ctx(kAppId);
     ipc_msg_t msg;
     int64_t start;
 
-    (void)state;
-    assert_int_not_equal(ctx, 0);
+    ASSERT_NE(ctx.get(), 0u);
     memset(&msg, 0xff, sizeof(msg));
-    assert_int_equal(ipc_recv(ctx, &msg, 10), -ENOTCONN);
-    assert_all_zero(&msg);
-    assert_int_equal(ipc_ctx_add_endpoint(ctx, APP_ID, 1, 1), -EINVAL);
-    assert_int_equal(ipc_ctx_add_endpoint(ctx, APP_ID, IPC_SOCK_SERVER, 1), 0);
-    assert_int_equal(ipc_ctx_add_endpoint(ctx, APP_ID, IPC_SOCK_SERVER, 1),
-                     -EEXIST);
+    EXPECT_EQ(ipc_recv(ctx.get(), &msg, 10), -ENOTCONN);
+    expect_all_zero(msg);
+    EXPECT_EQ(ipc_ctx_add_endpoint(ctx.get(), kAppId, 1, 1), -EINVAL);
+    ASSERT_EQ(ipc_ctx_add_endpoint(ctx.get(), kAppId, IPC_SOCK_SERVER, 1), 0);
+    EXPECT_EQ(ipc_ctx_add_endpoint(ctx.get(), kAppId, IPC_SOCK_SERVER, 1),
+              -EEXIST);
     memset(&msg, 0xff, sizeof(msg));
     start = now_ms();
-    assert_int_equal(ipc_recv(ctx, &msg, 50), -ETIMEDOUT);
-    assert_true(now_ms() - start >= 49);
-    assert_true(now_ms() - start < WAIT_MS);
-    assert_all_zero(&msg);
+    EXPECT_EQ(ipc_recv(ctx.get(), &msg, 50), -ETIMEDOUT);
+    EXPECT_GE(now_ms() - start, 49);
+    EXPECT_LT(now_ms() - start, kWaitMs);
+    expect_all_zero(msg);
 
-    assert_int_equal(ipc_recv(0, &msg, 10), -EINVAL);
-    assert_int_equal(ipc_recv(ctx, NULL, 10), -EINVAL);
-    assert_int_equal(ipc_ctx_init_proxy(0, 1, count_callback, 0), -EINVAL);
-    assert_int_equal(ipc_ctx_add_endpoint(0, APP_ID, IPC_SOCK_SERVER, 1),
-                     -EINVAL);
-    ipc_ctx_destroy(ctx);
+    EXPECT_EQ(ipc_recv(0, &msg, 10), -EINVAL);
+    EXPECT_EQ(ipc_recv(ctx.get(), nullptr, 10), -EINVAL);
+    EXPECT_EQ(ipc_ctx_init_proxy(0, 1, count_callback, 0), -EINVAL);
+    EXPECT_EQ(ipc_ctx_add_endpoint(0, kAppId, IPC_SOCK_SERVER, 1), -EINVAL);
 }
 
 /* ipc_send frees the payload on every path; LeakSanitizer checks it. */
-static void test_send_refusals_free_the_payload(void **state)
+TEST_F(IpcTransportEndpoint, SendRefusalsFreeThePayload)
 {
-    uint64_t ctx = ipc_ctx_init(APP_ID);
+    Ctx ctx(kAppId);
     ipc_msg_t msg;
 
-    (void)state;
-    assert_int_equal(ipc_ctx_add_endpoint(ctx, APP_ID, IPC_SOCK_SERVER, 1), 0);
-    msg = (ipc_msg_t){.addr1 = 1,
-                      .payload_len = IPC_MAX_PAYLOAD + 1,
-                      .payload = must_alloc(IPC_MAX_PAYLOAD + 1)};
-    assert_int_equal(ipc_send(ctx, &msg, 1), -EMSGSIZE);
-    assert_null(msg.payload);
-    msg = (ipc_msg_t){.addr1 = 7, .payload_len = 4, .payload = must_alloc(4)};
-    assert_int_equal(ipc_send(ctx, &msg, 1), -ENOTCONN);
-    assert_null(msg.payload);
-    msg = (ipc_msg_t){.addr1 = 7, .payload_len = 4, .payload = must_alloc(4)};
-    assert_int_equal(ipc_send(0, &msg, 1), -EINVAL);
-    assert_null(msg.payload);
-    msg = (ipc_msg_t){.addr1 = 7, .payload_len = 4};
-    assert_int_equal(ipc_send(ctx, &msg, 1), -EINVAL);
-    assert_int_equal(ipc_send(ctx, NULL, 1), -EINVAL);
-    ipc_ctx_destroy(ctx);
+    ASSERT_EQ(ipc_ctx_add_endpoint(ctx.get(), kAppId, IPC_SOCK_SERVER, 1), 0);
+    msg = message_to(1, IPC_MAX_PAYLOAD + 1, must_alloc(IPC_MAX_PAYLOAD + 1));
+    EXPECT_EQ(ipc_send(ctx.get(), &msg, 1), -EMSGSIZE);
+    EXPECT_EQ(msg.payload, nullptr);
+    msg = message_to(7, 4, must_alloc(4));
+    EXPECT_EQ(ipc_send(ctx.get(), &msg, 1), -ENOTCONN);
+    EXPECT_EQ(msg.payload, nullptr);
+    msg = message_to(7, 4, must_alloc(4));
+    EXPECT_EQ(ipc_send(0, &msg, 1), -EINVAL);
+    EXPECT_EQ(msg.payload, nullptr);
+    msg = message_to(7, 4, nullptr);
+    EXPECT_EQ(ipc_send(ctx.get(), &msg, 1), -EINVAL);
+    EXPECT_EQ(ipc_send(ctx.get(), nullptr, 1), -EINVAL);
 }
 
-static void test_debug_msg_prints_one_line(void **state)
+/* Points stderr at another fd for a scope. */
+class StderrTo
+{
+  public:
+    explicit StderrTo(int fd) : saved_(dup(STDERR_FILENO))
+    {
+        dup2(fd, STDERR_FILENO);
+    }
+    StderrTo(const StderrTo &) = delete;
+    StderrTo &operator=(const StderrTo &) = delete;
+    ~StderrTo()
+    {
+        dup2(saved_.get(), STDERR_FILENO);
+    }
+
+  private:
+    UniqueFd saved_;
+};
+
+TEST(IpcTransport, DebugMsgPrintsOneLine)
 {
     const ipc_msg_t msg = {.addr0 = 1,
-                           .addr1 = APP_ID,
-                           .op_id = OP_READ_REG,
+                           .addr1 = kAppId,
+                           .op_id = kOpReadReg,
                            .aux_byte = 1,
                            .msg_type = 2,
-                           .payload_len = 0};
-    char out[512] = {0};
-    int pipe_fds[2], saved;
+                           .reserved = 0,
+                           .payload_len = 0,
+                           .padding = 0,
+                           .payload = nullptr};
+    int pipe_fds[2];
 
-    (void)state;
-    assert_int_equal(pipe(pipe_fds), 0);
-    saved = dup(STDERR_FILENO);
-    dup2(pipe_fds[1], STDERR_FILENO);
-    ipc_debug_msg(&msg);
-    ipc_debug_msg(NULL);
-    dup2(saved, STDERR_FILENO);
-    close(saved);
-    close(pipe_fds[1]);
-    assert_true(read(pipe_fds[0], out, sizeof(out) - 1) > 0);
-    close(pipe_fds[0]);
-    assert_string_equal(out, "ipc msg: addr0 0x00000001 addr1 0x000000db "
-                             "op_id 0x00db0002 aux_byte 1 msg_type 2 "
-                             "reserved 0 payload_len 0 payload (nil)\n"
-                             "ipc msg: null\n");
-}
+    ASSERT_EQ(pipe2(pipe_fds, O_CLOEXEC), 0);
+    UniqueFd out(pipe_fds[0]), in(pipe_fds[1]);
+    {
+        StderrTo redirect(in.get());
 
-static int enter_private_run(void)
-{
-    if (sim_enter_mount_namespace() != 0) {
-        fprintf(stderr, "private /run: %s\n", sim_board_last_error());
-        return -1;
+        ipc_debug_msg(&msg);
+        ipc_debug_msg(nullptr);
     }
-    if (mount("tmpfs", "/run", "tmpfs", 0, "mode=0755") != 0) {
-        fprintf(stderr, "private /run: mount: %s\n", strerror(errno));
-        return -1;
-    }
-    return 0;
+    in.reset();
+    EXPECT_EQ(read_report(out), "ipc msg: addr0 0x00000001 addr1 0x000000db "
+                                "op_id 0x00db0002 aux_byte 1 msg_type 2 "
+                                "reserved 0 payload_len 0 payload (nil)\n"
+                                "ipc msg: null\n");
 }
 
-static int init_server_cond(void)
-{
-    pthread_condattr_t attr;
-    int rc;
-
-    if (pthread_condattr_init(&attr) != 0)
-        return -1;
-    rc = pthread_condattr_setclock(&attr, CLOCK_MONOTONIC);
-    if (rc == 0)
-        rc = pthread_cond_init(&server.changed, &attr);
-    pthread_condattr_destroy(&attr);
-    return rc == 0 ? 0 : -1;
-}
-
-#define SERVED(test)                                                           \
-    cmocka_unit_test_setup_teardown(test, start_server, stop_server)
-#define ALONE(test) cmocka_unit_test_setup(test, reset_capture)
-
-int main(void)
-{
-    const struct CMUnitTest tests[] = {
-        SERVED(test_request_and_reply_exact_bytes),
-        SERVED(test_server_sets_addresses),
-        SERVED(test_frame_split_into_single_bytes),
-        SERVED(test_several_frames_in_one_write),
-        SERVED(test_two_clients_interleaved),
-        SERVED(test_stalled_client_does_not_hold_up_others),
-        SERVED(test_client_gone_before_reply),
-        SERVED(test_payload_len_ffffffff_closes_connection),
-        SERVED(test_payload_len_65537_closes_connection),
-        SERVED(test_payload_len_65536_is_accepted),
-        SERVED(test_zero_length_payload),
-        SERVED(test_replies_in_order_on_one_connection),
-        SERVED(test_nic_stats_reply_of_16_plus_8360_bytes),
-        SERVED(test_replies_wait_for_a_slow_reader),
-        SERVED(test_client_that_never_reads_is_dropped),
-        SERVED(test_half_closed_client_gets_its_replies),
-        SERVED(test_half_closed_client_gets_queued_replies),
-        SERVED(test_closed_connections_are_released),
-        SERVED(test_connections_beyond_the_limit_are_closed),
-        SERVED(test_live_socket_is_not_replaced),
-        ALONE(test_endpoint_creates_directories_and_modes),
-        ALONE(test_stale_socket_is_replaced),
-        ALONE(test_file_that_is_not_a_socket_is_kept),
-        ALONE(test_foreign_live_socket_is_not_replaced),
-        ALONE(test_socket_path_of_an_app_id),
-        ALONE(test_client_open_errors),
-        ALONE(test_recv_timeout_and_bad_arguments),
-        ALONE(test_send_refusals_free_the_payload),
-        ALONE(test_debug_msg_prints_one_line),
-    };
-
-    if (enter_private_run() != 0 || init_server_cond() != 0)
-        return 1;
-    return cmocka_run_group_tests(tests, NULL, NULL);
-}
+} // namespace

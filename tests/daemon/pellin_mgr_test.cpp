@@ -1,15 +1,19 @@
-/* Part 1.1: board gating, start-up provisioning, pipe enabling, thread
- * start and supervision, and the unrecoverable path, against the fake
- * library. Threads are started by a wrap that can fail them or run bodies
- * that end at once. */
+/* Board gating, start-up provisioning, pipe enabling, thread start and
+ * supervision, and the unrecoverable path, against the fake library.
+ * Threads are started by a wrap that can fail them or run bodies that end
+ * at once; system() goes to a mock. */
 #include <errno.h>
 #include <pthread.h>
-#include <stdlib.h>
-#include <string.h>
 #include <unistd.h>
 
+#include <iterator>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
 #include "board_stub.hpp"
-#include "cmocka_all.h"
 #include "daemon_support.hpp"
 #include "fake_lh.hpp"
 #include "log_file.hpp"
@@ -18,153 +22,188 @@
 #include "private_tmp.hpp"
 #include "syslog_capture.hpp"
 
-static char system_commands[4][64];
-static int system_calls;
-static int failing_thread; /* 1-based pthread_create that fails; 0: none */
-static int thread_calls;
+namespace {
 
-int __wrap_system(const char *command)
-{
-    if (system_calls < 4)
-        snprintf(system_commands[system_calls], 64, "%s", command);
-    system_calls++;
-    return 0;
-}
+/* What system() is asked to run. */
+class SystemMock {
+public:
+    MOCK_METHOD(int, Run, (std::string command));
+};
 
-int __real_pthread_create(pthread_t *thread, const pthread_attr_t *attr,
-                          void *(*start)(void *), void *arg);
+SystemMock *system_mock;
 
-static void *end_at_once(void *arg)
+/* The daemon's threads as the wrap of pthread_create started them. */
+struct StartedThread {
+    pthread_t handle;
+    bool joined; /* by the thread monitor */
+};
+
+int failing_thread; /* 1-based pthread_create that fails; 0: none */
+int thread_calls;
+std::vector<StartedThread> started;
+
+void *end_at_once(void *arg)
 {
     return arg;
 }
 
-/* The threads the wrap started, and whether the monitor joined them. */
-static pthread_t started[2];
-static int joined[2];
-static int started_count;
+} // namespace
+
+extern "C" int __wrap_system(const char *command)
+{
+    if (system_mock == nullptr) {
+        ADD_FAILURE() << "system(\"" << command << "\") outside a test";
+        return 0;
+    }
+    return system_mock->Run(command);
+}
+
+extern "C" int __real_pthread_create(pthread_t *thread,
+                                     const pthread_attr_t *attr,
+                                     void *(*start)(void *), void *arg);
 
 /* The daemon's threads end at once, so that main's supervision finds
  * them; the one numbered `failing_thread` is not started at all. */
-int __wrap_pthread_create(pthread_t *thread, const pthread_attr_t *attr,
-                          void *(*start)(void *), void *arg)
+extern "C" int __wrap_pthread_create(pthread_t *thread,
+                                     const pthread_attr_t *attr,
+                                     void *(*)(void *), void *arg)
 {
-    int result;
-
-    (void)start;
     if (++thread_calls == failing_thread)
         return EAGAIN;
-    result = __real_pthread_create(thread, attr, end_at_once, arg);
-    if (result == 0 && started_count < 2)
-        started[started_count++] = *thread;
+    int result = __real_pthread_create(thread, attr, end_at_once, arg);
+    if (result == 0)
+        started.push_back({ *thread, false });
     return result;
 }
 
-int __real_pthread_tryjoin_np(pthread_t thread, void **result);
+extern "C" int __real_pthread_tryjoin_np(pthread_t thread, void **result);
 
-int __wrap_pthread_tryjoin_np(pthread_t thread, void **result)
+extern "C" int __wrap_pthread_tryjoin_np(pthread_t thread, void **result)
 {
     int outcome = __real_pthread_tryjoin_np(thread, result);
 
-    for (int i = 0; i < started_count; i++)
-        if (outcome == 0 && pthread_equal(started[i], thread))
-            joined[i] = 1;
+    if (outcome == 0)
+        for (StartedThread &entry : started)
+            if (pthread_equal(entry.handle, thread))
+                entry.joined = true;
     return outcome;
 }
 
-/* Joins what main left running, so no test leaves a thread behind. */
-static void join_started_threads(void)
+namespace {
+
+constexpr const char *kDaemonLog = PLM_LOG_PATH;
+constexpr const char *kStamp = PLM_LOG_STAMP_FORMAT;
+
+std::vector<lh_module_entry> module_list;
+
+void set_module_list(std::vector<lh_module_entry> entries)
 {
-    for (int i = 0; i < started_count; i++)
-        if (!joined[i])
-            pthread_join(started[i], NULL);
-    started_count = 0;
-    joined[0] = joined[1] = 0;
+    module_list = std::move(entries);
+    module_list.push_back({ LH_MOD_END, 0 });
+    fake_lh.module_list = module_list.data();
 }
 
-static lh_module_entry module_list[8];
-
-static void set_module_list(const lh_module_entry *entries, size_t count)
+/* The severity of the index-th syslog message, or -1 when there is none. */
+int captured_severity(size_t index)
 {
-    memcpy(module_list, entries, count * sizeof(*entries));
-    module_list[count] = (lh_module_entry){ LH_MOD_END, 0 };
-    fake_lh.module_list = module_list;
+    const captured_syslog *entry = syslog_capture_get(index);
+
+    return entry != nullptr ? entry->severity : -1;
 }
 
-static int setup(void **state)
+void expect_calls(const std::vector<std::string> &calls)
 {
-    static const lh_module_entry two_parsers[] = {
-        { LH_MOD_CAUI, 0 }, { LH_MOD_INGRESS_PKT_PARSER, 0 },
-        { LH_MOD_INGRESS_PKT_PARSER, 1 },
+    EXPECT_EQ(fake_lh.calls, calls);
+}
+
+class PellinMgrTest : public PrivateDirsTest {
+protected:
+    void SetUp() override
+    {
+        PrivateDirsTest::SetUp();
+        if (IsSkipped())
+            return;
+        system_mock = &system_;
+        fake_lh_reset();
+        set_module_list({ { LH_MOD_CAUI, 0 },
+                          { LH_MOD_INGRESS_PKT_PARSER, 0 },
+                          { LH_MOD_INGRESS_PKT_PARSER, 1 } });
+        fake_lh.pipe_count = 2;
+        stub_board_type = 4;
+        stub_board_type_calls = 0;
+        stub_bramble_sim = 0;
+        thread_calls = 0;
+        failing_thread = 0;
+        syslog_capture_reset();
+        unlink(PLM_LOG_PATH);
+    }
+
+    /* Joins what main left running, so no test leaves a thread behind. */
+    void TearDown() override
+    {
+        for (const StartedThread &entry : started)
+            if (!entry.joined)
+                pthread_join(entry.handle, nullptr);
+        started.clear();
+        free_monitor_entries();
+        system_mock = nullptr;
+    }
+
+    /* The board is not served: the service is taken down at once, and
+     * nothing else happens. */
+    void expect_service_taken_down(unsigned int board_type_reads)
+    {
+        EXPECT_CALL(system_, Run("keeper_svc down pellin_mgr"))
+            .WillOnce(::testing::Return(0));
+        EXPECT_EQ(plm_main(), 0);
+        EXPECT_EQ(stub_board_type_calls, board_type_reads);
+        EXPECT_EQ(syslog_capture_count(), 0u);
+        EXPECT_EQ(fake_lh.calls.size(), 0u);
+        EXPECT_EQ(access(PLM_LOG_PATH, F_OK), -1);
+    }
+
+    /* Any system() a test does not expect fails it. */
+    ::testing::StrictMock<SystemMock> system_;
+};
+
+class PellinMgrBoardTest : public PellinMgrTest,
+                           public ::testing::WithParamInterface<int> {};
+
+TEST_P(PellinMgrBoardTest, OtherBoardsAreNotServed)
+{
+    stub_board_type = GetParam();
+    expect_service_taken_down(2);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Boards, PellinMgrBoardTest, ::testing::Values(0, 3, 6, 7),
+    [](const ::testing::TestParamInfo<int> &info) {
+        return "Board" + std::to_string(info.param);
+    });
+
+TEST_F(PellinMgrTest, SimulatorIsNotServed)
+{
+    stub_bramble_sim = 1;
+    expect_service_taken_down(1);
+}
+
+TEST_F(PellinMgrTest, Board5StartsAndProvisions)
+{
+    static const char *const lines[] = {
+        "Informational - LH FPGA initialization start",
+        "Informational - LH FPGA initialization complete",
+        "Informational - Found 2 traffic pipes",
+        "Informational - Traffic pipe 0 enabled",
+        "Informational - Traffic pipe 1 enabled",
+        "Pellin Manager: create system poll thread failed",
+        "Unrecoverable program error detected, exiting - Unrecoverable error",
     };
 
-    (void)state;
-    fake_lh_reset();
-    set_module_list(two_parsers, 3);
-    fake_lh.pipe_count = 2;
-    stub_board_type = 4;
-    stub_board_type_calls = 0;
-    stub_bramble_sim = 0;
-    system_calls = 0;
-    thread_calls = 0;
-    failing_thread = 0;
-    syslog_capture_reset();
-    unlink(PLM_LOG_PATH);
-    return 0;
-}
-
-static int teardown(void **state)
-{
-    (void)state;
-    join_started_threads();
-    free_monitor_entries();
-    return 0;
-}
-
-static void assert_service_taken_down(int board_type_reads)
-{
-    assert_int_equal(plm_main(), 0);
-    assert_int_equal(system_calls, 1);
-    assert_string_equal(system_commands[0], "keeper_svc down pellin_mgr");
-    assert_int_equal(stub_board_type_calls, board_type_reads);
-    assert_int_equal(syslog_capture_count(), 0);
-    assert_int_equal(fake_lh.call_count, 0);
-    assert_int_equal(access(PLM_LOG_PATH, F_OK), -1);
-}
-
-static void test_other_boards_are_not_served(void **state)
-{
-    static const int boards[] = { 0, 3, 6, 7 };
-
-    (void)state;
-    for (size_t i = 0; i < sizeof(boards) / sizeof(boards[0]); i++) {
-        teardown(NULL);
-        setup(NULL);
-        stub_board_type = boards[i];
-        assert_service_taken_down(2);
-    }
-}
-
-static void test_simulator_is_not_served(void **state)
-{
-    (void)state;
-    stub_bramble_sim = 1;
-    assert_service_taken_down(1);
-}
-
-static void assert_calls(const char *const *calls, size_t count)
-{
-    for (size_t i = 0; i < count && i < fake_lh.call_count; i++)
-        assert_string_equal(fake_lh.calls[i], calls[i]);
-    assert_int_equal(fake_lh.call_count, count);
-}
-
-#define DAEMON_LOG PLM_LOG_PATH
-#define STAMP PLM_LOG_STAMP_FORMAT
-
-static void test_board_5_starts_and_provisions(void **state)
-{
-    static const char *const calls[] = {
+    stub_board_type = 5;
+    failing_thread = 1;
+    EXPECT_EQ(plm_main(), -1);
+    EXPECT_EQ(stub_board_type_calls, 2u);
+    expect_calls({
         "lh_fpga_init(/opt/orvel/platform/logs/pellin_mgr.log)",
         "lh_get_module_list()",
         "lh_set_ingress_qos(0, 5, 2)",
@@ -181,29 +220,12 @@ static void test_board_5_starts_and_provisions(void **state)
         "lh_set_traffic_pipe_state(0, 1)",
         "lh_set_traffic_pipe_state(1, 1)",
         "lh_fpga_shutdown()",
-    };
-    static const char *const lines[] = {
-        "Informational - LH FPGA initialization start",
-        "Informational - LH FPGA initialization complete",
-        "Informational - Found 2 traffic pipes",
-        "Informational - Traffic pipe 0 enabled",
-        "Informational - Traffic pipe 1 enabled",
-        "Pellin Manager: create system poll thread failed",
-        "Unrecoverable program error detected, exiting - Unrecoverable error",
-    };
-
-    (void)state;
-    stub_board_type = 5;
-    failing_thread = 1;
-    assert_int_equal(plm_main(), -1);
-    assert_int_equal(stub_board_type_calls, 2);
-    assert_int_equal(system_calls, 0);
-    assert_calls(calls, sizeof(calls) / sizeof(calls[0]));
-    assert_log_file_lines(DAEMON_LOG, STAMP, lines, 7);
-    assert_int_equal(syslog_capture_get(5)->severity, LOG_CRIT);
+    });
+    assert_log_file_lines(kDaemonLog, kStamp, lines, std::size(lines));
+    EXPECT_EQ(captured_severity(5), LOG_CRIT);
 }
 
-static void test_failed_fpga_init_is_unrecoverable(void **state)
+TEST_F(PellinMgrTest, FailedFpgaInitIsUnrecoverable)
 {
     static const char *const lines[] = {
         "Informational - LH FPGA initialization start",
@@ -211,20 +233,18 @@ static void test_failed_fpga_init_is_unrecoverable(void **state)
         "initialize FPGA",
         "Unrecoverable program error detected, exiting - Unrecoverable error",
     };
-    static const char *const calls[] = {
+
+    fake_lh.fail_call = 1;
+    EXPECT_EQ(plm_main(), -1);
+    assert_log_file_lines(kDaemonLog, kStamp, lines, std::size(lines));
+    expect_calls({
         "lh_fpga_init(/opt/orvel/platform/logs/pellin_mgr.log)",
         "lh_fpga_shutdown()",
-    };
-
-    (void)state;
-    fake_lh.fail_call = 1;
-    assert_int_equal(plm_main(), -1);
-    assert_log_file_lines(DAEMON_LOG, STAMP, lines, 3);
-    assert_calls(calls, 2);
-    assert_int_equal(syslog_capture_get(1)->severity, LOG_CRIT);
+    });
+    EXPECT_EQ(captured_severity(1), LOG_CRIT);
 }
 
-static void test_failed_module_list_is_unrecoverable(void **state)
+TEST_F(PellinMgrTest, FailedModuleListIsUnrecoverable)
 {
     static const char *const lines[] = {
         "Informational - LH FPGA initialization start",
@@ -234,13 +254,12 @@ static void test_failed_module_list_is_unrecoverable(void **state)
         "Unrecoverable program error detected, exiting - Unrecoverable error",
     };
 
-    (void)state;
     fake_lh.module_list_result = -1;
-    assert_int_equal(plm_main(), -1);
-    assert_log_file_lines(DAEMON_LOG, STAMP, lines, 4);
+    EXPECT_EQ(plm_main(), -1);
+    assert_log_file_lines(kDaemonLog, kStamp, lines, std::size(lines));
 }
 
-static void test_failed_qos_row_does_not_stop_start_up(void **state)
+TEST_F(PellinMgrTest, FailedQosRowDoesNotStopStartUp)
 {
     static const char *const lines[] = {
         "Informational - LH FPGA initialization start",
@@ -253,16 +272,15 @@ static void test_failed_qos_row_does_not_stop_start_up(void **state)
         "Unrecoverable program error detected, exiting - Unrecoverable error",
     };
 
-    (void)state;
     failing_thread = 1;
     fake_lh.fail_call = 3; /* the first QoS row of pipe 0 */
-    assert_int_equal(plm_main(), -1);
-    assert_log_file_lines(DAEMON_LOG, STAMP, lines, 8);
-    assert_int_equal(syslog_capture_get(2)->severity, LOG_ERR);
-    assert_string_equal(fake_lh.calls[11], "lh_set_ingress_qos(1, 0, 0)");
+    EXPECT_EQ(plm_main(), -1);
+    assert_log_file_lines(kDaemonLog, kStamp, lines, std::size(lines));
+    EXPECT_EQ(captured_severity(2), LOG_ERR);
+    EXPECT_EQ(fake_lh.call(11), "lh_set_ingress_qos(1, 0, 0)");
 }
 
-static void test_failed_pipe_enable_does_not_stop_start_up(void **state)
+TEST_F(PellinMgrTest, FailedPipeEnableDoesNotStopStartUp)
 {
     static const char *const lines[] = {
         "Informational - LH FPGA initialization start",
@@ -274,95 +292,64 @@ static void test_failed_pipe_enable_does_not_stop_start_up(void **state)
         "Unrecoverable program error detected, exiting - Unrecoverable error",
     };
 
-    (void)state;
     failing_thread = 1;
     fake_lh.fail_call = 15; /* init, list, ten QoS rows, count, pipe 0 */
-    assert_int_equal(plm_main(), -1);
-    assert_log_file_lines(DAEMON_LOG, STAMP, lines, 7);
-    assert_int_equal(syslog_capture_get(4)->severity, LOG_CRIT);
+    EXPECT_EQ(plm_main(), -1);
+    assert_log_file_lines(kDaemonLog, kStamp, lines, std::size(lines));
+    EXPECT_EQ(captured_severity(4), LOG_CRIT);
 }
 
-static void test_no_parser_no_qos_and_no_pipes(void **state)
+TEST_F(PellinMgrTest, NoParserNoQosAndNoPipes)
 {
-    static const lh_module_entry no_parser[] = { { LH_MOD_CAUI, 0 } };
-    static const char *const calls[] = {
+    set_module_list({ { LH_MOD_CAUI, 0 } });
+    fake_lh.pipe_count = 0;
+    failing_thread = 1;
+    EXPECT_EQ(plm_main(), -1);
+    expect_calls({
         "lh_fpga_init(/opt/orvel/platform/logs/pellin_mgr.log)",
         "lh_get_module_list()",
         "lh_get_traffic_pipe_count()",
         "lh_fpga_shutdown()",
-    };
-
-    (void)state;
-    set_module_list(no_parser, 1);
-    fake_lh.pipe_count = 0;
-    failing_thread = 1;
-    assert_int_equal(plm_main(), -1);
-    assert_calls(calls, 4);
-    assert_log_file_has_line(DAEMON_LOG, STAMP,
+    });
+    assert_log_file_has_line(kDaemonLog, kStamp,
                              "Informational - Found 0 traffic pipes");
 }
 
-static void test_both_parser_ids_on_one_pipe_provision_twice(void **state)
+TEST_F(PellinMgrTest, BothParserIdsOnOnePipeProvisionTwice)
 {
-    static const lh_module_entry both[] = {
-        { LH_MOD_INGRESS_PKT_PARSER, 0 }, { LH_MOD_LHX_INGRESS_PKT_PARSER, 0 },
-    };
-
-    (void)state;
-    set_module_list(both, 2);
+    set_module_list({ { LH_MOD_INGRESS_PKT_PARSER, 0 },
+                      { LH_MOD_LHX_INGRESS_PKT_PARSER, 0 } });
     fake_lh.pipe_count = 0;
     failing_thread = 1;
-    assert_int_equal(plm_main(), -1);
-    assert_int_equal(fake_lh.call_count, 2 + 10 + 2);
-    assert_string_equal(fake_lh.calls[2], "lh_set_ingress_qos(0, 5, 2)");
-    assert_string_equal(fake_lh.calls[7], "lh_set_ingress_qos(0, 5, 2)");
-    assert_string_equal(fake_lh.calls[11], "lh_set_ingress_qos(0, 0, 0)");
+    EXPECT_EQ(plm_main(), -1);
+    EXPECT_EQ(fake_lh.calls.size(), 2u + 10u + 2u);
+    EXPECT_EQ(fake_lh.call(2), "lh_set_ingress_qos(0, 5, 2)");
+    EXPECT_EQ(fake_lh.call(7), "lh_set_ingress_qos(0, 5, 2)");
+    EXPECT_EQ(fake_lh.call(11), "lh_set_ingress_qos(0, 0, 0)");
 }
 
-static void test_failed_ipc_thread_is_unrecoverable(void **state)
+TEST_F(PellinMgrTest, FailedIpcThreadIsUnrecoverable)
 {
-    (void)state;
     failing_thread = 2;
-    assert_int_equal(plm_main(), -1);
-    assert_log_file_has_line(DAEMON_LOG, STAMP,
+    EXPECT_EQ(plm_main(), -1);
+    assert_log_file_has_line(kDaemonLog, kStamp,
                              "Pellin Manager: create IPC server thread failed");
-    assert_log_file_has_line(DAEMON_LOG, STAMP,
+    assert_log_file_has_line(kDaemonLog, kStamp,
                              "Pellin Manager system poll thread started...");
 }
 
-static void test_thread_that_returned_ends_the_daemon(void **state)
+TEST_F(PellinMgrTest, ThreadThatReturnedEndsTheDaemon)
 {
-    (void)state;
-    assert_int_equal(plm_main(), -1);
+    EXPECT_EQ(plm_main(), -1);
     /* Newest first: the IPC server is found before the poll thread. */
-    assert_log_file_has_line(DAEMON_LOG, STAMP,
+    assert_log_file_has_line(kDaemonLog, kStamp,
                              "pellin IPC server: Thread monitor detected "
                              "failure");
     assert_log_file_has_line(
-        DAEMON_LOG, STAMP,
+        kDaemonLog, kStamp,
         "Unrecoverable program error detected, exiting - Unrecoverable error");
-    assert_string_equal(fake_lh.calls[fake_lh.call_count - 1],
-                        "lh_fpga_shutdown()");
+    ASSERT_FALSE(fake_lh.calls.empty());
+    EXPECT_EQ(fake_lh.calls.back(), "lh_fpga_shutdown()");
 }
 
-int main(void)
-{
-#define T(name) cmocka_unit_test_setup_teardown(name, setup, teardown)
-    const struct CMUnitTest tests[] = {
-        T(test_other_boards_are_not_served),
-        T(test_simulator_is_not_served),
-        T(test_board_5_starts_and_provisions),
-        T(test_failed_fpga_init_is_unrecoverable),
-        T(test_failed_module_list_is_unrecoverable),
-        T(test_failed_qos_row_does_not_stop_start_up),
-        T(test_failed_pipe_enable_does_not_stop_start_up),
-        T(test_no_parser_no_qos_and_no_pipes),
-        T(test_both_parser_ids_on_one_pipe_provision_twice),
-        T(test_failed_ipc_thread_is_unrecoverable),
-        T(test_thread_that_returned_ends_the_daemon),
-    };
-
-    if (enter_private_dirs() != 0)
-        return 1;
-    return cmocka_run_group_tests(tests, NULL, NULL);
-}
+} // namespace

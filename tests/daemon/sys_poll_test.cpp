@@ -1,65 +1,77 @@
-/* Part 1.7: pipe states at start and on change, the fatal-error handler and
- * the one-time FAILED alarm, against the fake library. */
+/* Pipe states at start and on change, the fatal-error handler and the
+ * one-time FAILED alarm, against the fake library. */
 #include <stdlib.h>
-#include <string.h>
 
-#include "cmocka_all.h"
+#include <array>
+#include <memory>
+
+#include <gtest/gtest.h>
+
 #include "fake_lh.hpp"
 #include "log_expect.hpp"
 #include "plm_log.hpp"
 #include "private_tmp.hpp"
 #include "sys_poll.hpp"
 
-static lh_module_entry module_list[4];
+namespace {
 
-static int setup(void **state)
-{
-    (void)state;
-    fake_lh_reset();
-    memset(module_list, 0, sizeof(module_list));
-    module_list[0] = (lh_module_entry){ LH_MOD_CAUI, 0 };
-    module_list[1] = (lh_module_entry){ LH_MOD_CAUI, 1 };
-    module_list[2] = (lh_module_entry){ LH_MOD_END, 0 };
-    fake_lh.module_list = module_list;
-    atomic_store(&plm_fatal_flag, 0);
-    atomic_store(&plm_fatal_reported, 0);
-    log_expect_start(&plm_log_file);
-    return 0;
-}
+/* The last-state array plm_sys_poll_setup hands over. */
+struct FreeBytes {
+    void operator()(uint8_t *bytes) const
+    {
+        free(bytes);
+    }
+};
+using LastStates = std::unique_ptr<uint8_t[], FreeBytes>;
 
-static int teardown(void **state)
-{
-    (void)state;
-    log_expect_stop();
-    return 0;
-}
+std::array<lh_module_entry, 4> module_list;
 
-static void test_start_reports_every_pipe_and_registers_handler(void **state)
+class SysPollTest : public PrivateTmpTest {
+protected:
+    void SetUp() override
+    {
+        PrivateTmpTest::SetUp();
+        if (IsSkipped())
+            return;
+        fake_lh_reset();
+        module_list = {};
+        module_list[0] = { LH_MOD_CAUI, 0 };
+        module_list[1] = { LH_MOD_CAUI, 1 };
+        module_list[2] = { LH_MOD_END, 0 };
+        fake_lh.module_list = module_list.data();
+        plm_fatal_flag.store(0);
+        plm_fatal_reported.store(0);
+        log_expect_start(&plm_log_file);
+    }
+
+    void TearDown() override
+    {
+        log_expect_stop();
+    }
+};
+
+TEST_F(SysPollTest, StartReportsEveryPipeAndRegistersHandler)
 {
     uint32_t count = 0;
-    uint8_t *last;
 
-    (void)state;
     fake_lh.pipe_count = 2;
     fake_lh.pipe_states[0] = 1;
-    last = plm_sys_poll_setup(&count);
-    assert_non_null(last);
-    assert_int_equal(count, 2);
-    assert_int_equal(last[0], 1);
-    assert_int_equal(last[1], 0);
+    LastStates last(plm_sys_poll_setup(&count));
+    ASSERT_NE(last, nullptr);
+    ASSERT_EQ(count, 2u);
+    EXPECT_EQ(last[0], 1u);
+    EXPECT_EQ(last[1], 0u);
     expect_log(LOG_INFO, "Informational - traffic pipe 0 is UP");
     expect_log(LOG_INFO, "Informational - traffic pipe 1 is DOWN");
     expect_no_more_logs();
-    assert_ptr_equal(fake_lh.fatal_error_cb, plm_fatal_error_handler);
-    assert_int_equal(atomic_load(&plm_fatal_flag), 0);
-    free(last);
+    EXPECT_EQ(fake_lh.fatal_error_cb, plm_fatal_error_handler);
+    EXPECT_EQ(plm_fatal_flag.load(), 0u);
 }
 
-static void test_pipe_change_is_logged_once_each_way(void **state)
+TEST_F(SysPollTest, PipeChangeIsLoggedOnceEachWay)
 {
     uint8_t last[2] = { 1, 1 };
 
-    (void)state;
     fake_lh.pipe_states[0] = 1;
     fake_lh.pipe_states[1] = 0;
     plm_sys_poll_pass(last, 2);
@@ -73,52 +85,46 @@ static void test_pipe_change_is_logged_once_each_way(void **state)
     expect_no_more_logs();
 }
 
-static void test_unreadable_pipe_is_skipped(void **state)
+TEST_F(SysPollTest, UnreadablePipeIsSkipped)
 {
     uint8_t last[2] = { 1, 1 };
 
-    (void)state;
     fake_lh.result = -1;
     plm_sys_poll_pass(last, 2);
-    assert_int_equal(last[0], 1);
-    assert_int_equal(last[1], 1);
+    EXPECT_EQ(last[0], 1u);
+    EXPECT_EQ(last[1], 1u);
     expect_no_more_logs();
 }
 
-static void test_no_pipes_polls_nothing(void **state)
+TEST_F(SysPollTest, NoPipesPollsNothing)
 {
     uint8_t last[1] = { 0 };
     uint32_t count = 7;
-    uint8_t *start;
 
-    (void)state;
-    start = plm_sys_poll_setup(&count);
-    assert_non_null(start);
-    assert_int_equal(count, 0);
-    fake_lh.call_count = 0;
+    LastStates start(plm_sys_poll_setup(&count));
+    ASSERT_NE(start, nullptr);
+    EXPECT_EQ(count, 0u);
+    fake_lh.calls.clear();
     plm_sys_poll_pass(last, 0);
-    assert_int_equal(fake_lh.call_count, 0);
+    EXPECT_EQ(fake_lh.calls.size(), 0u);
     expect_no_more_logs();
-    free(start);
 }
 
-static void test_handler_names_the_module(void **state)
+TEST_F(SysPollTest, HandlerNamesTheModule)
 {
-    lh_fatal_error_t report = { LH_MOD_INGRESS_PKT_PARSER, 1,
-                                "Meta Data FIFO Overflow" };
+    const lh_fatal_error_t report = { LH_MOD_INGRESS_PKT_PARSER, 1,
+                                      "Meta Data FIFO Overflow" };
 
-    (void)state;
     plm_fatal_error_handler(report);
     expect_log(LOG_CRIT, "NPU fatal error handler: ingress-pkt-parser pipe 1 "
                          "(Meta Data FIFO Overflow)");
-    assert_int_equal(atomic_load(&plm_fatal_flag), 1);
+    EXPECT_EQ(plm_fatal_flag.load(), 1u);
 }
 
-static void test_handler_accepts_any_module_id(void **state)
+TEST_F(SysPollTest, HandlerAcceptsAnyModuleId)
 {
     lh_fatal_error_t report = { 99, 0, "odd" };
 
-    (void)state;
     plm_fatal_error_handler(report);
     report.module_id = 15;
     plm_fatal_error_handler(report);
@@ -128,13 +134,13 @@ static void test_handler_accepts_any_module_id(void **state)
                "NPU fatal error handler: (unknown module) 15 pipe 0 (odd)");
 }
 
-static void test_two_fatal_errors_one_failed_line(void **state)
+TEST_F(SysPollTest, TwoFatalErrorsOneFailedLine)
 {
-    lh_fatal_error_t first = { LH_MOD_CAUI, 0, "TX Buffer FIFO Underflow" };
-    lh_fatal_error_t second = { LH_MOD_NIC, 1, "QM Queue Underflow" };
+    const lh_fatal_error_t first = { LH_MOD_CAUI, 0,
+                                     "TX Buffer FIFO Underflow" };
+    const lh_fatal_error_t second = { LH_MOD_NIC, 1, "QM Queue Underflow" };
     uint8_t last[1] = { 0 };
 
-    (void)state;
     plm_sys_poll_pass(last, 0);
     plm_fatal_error_handler(first);
     plm_sys_poll_pass(last, 0);
@@ -149,37 +155,17 @@ static void test_two_fatal_errors_one_failed_line(void **state)
     expect_no_more_logs();
 }
 
-static void test_module_failed_before_start_raises_the_alarm(void **state)
+TEST_F(SysPollTest, ModuleFailedBeforeStartRaisesTheAlarm)
 {
     uint32_t count = 0;
-    uint8_t *last;
 
-    (void)state;
     fake_lh.module_states[LH_MOD_CAUI][1] = 1;
-    last = plm_sys_poll_setup(&count);
-    assert_non_null(last);
-    assert_int_equal(atomic_load(&plm_fatal_flag), 1);
-    plm_sys_poll_pass(last, count);
+    LastStates last(plm_sys_poll_setup(&count));
+    ASSERT_NE(last, nullptr);
+    EXPECT_EQ(plm_fatal_flag.load(), 1u);
+    plm_sys_poll_pass(last.get(), count);
     expect_log(LOG_CRIT, "FATAL - Pellin FAILED");
     expect_no_more_logs();
-    free(last);
 }
 
-int main(void)
-{
-#define T(name) cmocka_unit_test_setup_teardown(name, setup, teardown)
-    const struct CMUnitTest tests[] = {
-        T(test_start_reports_every_pipe_and_registers_handler),
-        T(test_pipe_change_is_logged_once_each_way),
-        T(test_unreadable_pipe_is_skipped),
-        T(test_no_pipes_polls_nothing),
-        T(test_handler_names_the_module),
-        T(test_handler_accepts_any_module_id),
-        T(test_two_fatal_errors_one_failed_line),
-        T(test_module_failed_before_start_raises_the_alarm),
-    };
-
-    if (enter_private_tmp() != 0)
-        return 1;
-    return cmocka_run_group_tests(tests, NULL, NULL);
-}
+} // namespace

@@ -1,192 +1,239 @@
-/* Part 1.3: registering threads and finding the ones that ended. */
+/* Registering threads and finding the ones that ended. */
 #include <pthread.h>
 #include <stdlib.h>
 #include <string.h>
-#include <unistd.h>
 
-#include "cmocka_all.h"
+#include <chrono>
+#include <string>
+#include <thread>
+
+#include <gtest/gtest.h>
+
 #include "daemon_support.hpp"
 #include "log_expect.hpp"
 #include "plm_log.hpp"
 #include "private_tmp.hpp"
 #include "thread_monitor.hpp"
 
-static int fail_calloc;
+namespace {
 
-void *__real_calloc(size_t count, size_t size);
+/* Every calloc returns null while set. */
+bool fail_calloc;
 
-void *__wrap_calloc(size_t count, size_t size)
+} // namespace
+
+extern "C" void *__real_calloc(size_t count, size_t size);
+
+extern "C" void *__wrap_calloc(size_t count, size_t size)
 {
     if (fail_calloc)
-        return NULL;
+        return nullptr;
     return __real_calloc(count, size);
 }
 
-static int setup(void **state)
-{
-    (void)state;
-    plm_thread_monitor_init();
-    log_expect_start(&plm_log_file);
-    return 0;
-}
+namespace {
 
-static int teardown(void **state)
-{
-    (void)state;
-    fail_calloc = 0;
-    free_monitor_entries();
-    log_expect_stop();
-    return 0;
-}
+class ThreadMonitorTest : public PrivateTmpTest {
+protected:
+    void SetUp() override
+    {
+        PrivateTmpTest::SetUp();
+        if (IsSkipped())
+            return;
+        plm_thread_monitor_init();
+        log_expect_start(&plm_log_file);
+    }
 
-static void *return_at_once(void *arg)
+    void TearDown() override
+    {
+        fail_calloc = false;
+        free_monitor_entries();
+        log_expect_stop();
+    }
+
+    /* Handles the entries point at; they outlive every entry. */
+    pthread_t thread{};
+    pthread_t first{};
+    pthread_t second{};
+};
+
+void *return_at_once(void *arg)
 {
     return arg;
 }
 
-static pthread_mutex_t hold = PTHREAD_MUTEX_INITIALIZER;
-
-static void *wait_for_release(void *arg)
+void *wait_for_release(void *arg)
 {
-    pthread_mutex_lock(&hold);
-    pthread_mutex_unlock(&hold);
-    return arg;
+    pthread_mutex_t *hold = static_cast<pthread_mutex_t *>(arg);
+
+    pthread_mutex_lock(hold);
+    pthread_mutex_unlock(hold);
+    return nullptr;
 }
 
-static void test_enqueue_logs_the_name(void **state)
-{
-    static pthread_t thread;
+/* A thread that stays alive until this object goes: it waits for a mutex
+ * held meanwhile, and is released and joined on destruction. */
+class LiveThread {
+public:
+    LiveThread()
+    {
+        pthread_mutex_lock(&hold_);
+        started_ =
+            pthread_create(&handle_, nullptr, wait_for_release, &hold_) == 0;
+    }
+    LiveThread(const LiveThread &) = delete;
+    LiveThread &operator=(const LiveThread &) = delete;
+    ~LiveThread()
+    {
+        pthread_mutex_unlock(&hold_);
+        if (started_)
+            pthread_join(handle_, nullptr);
+        pthread_mutex_destroy(&hold_);
+    }
 
-    (void)state;
-    assert_int_equal(plm_thread_monitor_enqueue(&thread, "pellin sys poll"),
-                     0);
+    bool started() const
+    {
+        return started_;
+    }
+    pthread_t *handle()
+    {
+        return &handle_;
+    }
+
+private:
+    pthread_mutex_t hold_ = PTHREAD_MUTEX_INITIALIZER;
+    pthread_t handle_{};
+    bool started_ = false;
+};
+
+TEST_F(ThreadMonitorTest, EnqueueLogsTheName)
+{
+    ASSERT_EQ(plm_thread_monitor_enqueue(&thread, "pellin sys poll"), 0);
     expect_log(LOG_DEBUG, "Thread Monitoring: pellin sys poll");
     expect_no_more_logs();
-    assert_ptr_equal(plm_thread_monitor_list.next->thread, &thread);
-    assert_string_equal(plm_thread_monitor_list.next->name,
-                        "pellin sys poll");
+    EXPECT_EQ(plm_thread_monitor_list.next->thread, &thread);
+    EXPECT_STREQ(plm_thread_monitor_list.next->name, "pellin sys poll");
 }
 
-static void test_null_thread_is_refused(void **state)
+TEST_F(ThreadMonitorTest, NullThreadIsRefused)
 {
-    (void)state;
-    assert_int_equal(plm_thread_monitor_enqueue(NULL, "x"), -1);
+    EXPECT_EQ(plm_thread_monitor_enqueue(nullptr, "x"), -1);
     expect_log(LOG_ERR, "Thread Monitor Enqueue: Null pointer");
     expect_no_more_logs();
-    assert_ptr_equal(plm_thread_monitor_list.next, &plm_thread_monitor_list);
+    EXPECT_EQ(plm_thread_monitor_list.next, &plm_thread_monitor_list);
 }
 
-static void test_allocation_failure_says_null_pointer(void **state)
+TEST_F(ThreadMonitorTest, AllocationFailureSaysNullPointer)
 {
-    static pthread_t thread;
-
-    (void)state;
-    fail_calloc = 1;
-    assert_int_equal(plm_thread_monitor_enqueue(&thread, "x"), -1);
-    fail_calloc = 0;
+    fail_calloc = true;
+    int result = plm_thread_monitor_enqueue(&thread, "x");
+    fail_calloc = false;
+    EXPECT_EQ(result, -1);
     expect_log(LOG_ERR, "Null pointer");
     expect_no_more_logs();
 }
 
-static void test_null_name_is_unknown(void **state)
+TEST_F(ThreadMonitorTest, NullNameIsUnknown)
 {
-    static pthread_t thread;
-
-    (void)state;
-    assert_int_equal(plm_thread_monitor_enqueue(&thread, NULL), 0);
+    ASSERT_EQ(plm_thread_monitor_enqueue(&thread, nullptr), 0);
     expect_log(LOG_DEBUG, "Thread Monitoring: unknown");
-    assert_string_equal(plm_thread_monitor_list.next->name, "unknown");
+    EXPECT_STREQ(plm_thread_monitor_list.next->name, "unknown");
 }
 
-static void test_long_name_is_cut_to_63(void **state)
+TEST_F(ThreadMonitorTest, LongNameIsCutTo63)
 {
-    static pthread_t thread;
-    char name[80], expected[64];
+    const std::string expected(63, 'a');
 
-    (void)state;
-    memset(name, 'a', sizeof(name) - 1);
-    name[sizeof(name) - 1] = '\0';
-    memset(expected, 'a', 63);
-    expected[63] = '\0';
-    assert_int_equal(plm_thread_monitor_enqueue(&thread, name), 0);
-    assert_string_equal(plm_thread_monitor_list.next->name, expected);
-    name[64] = '\0'; /* exactly 64 characters */
-    assert_int_equal(plm_thread_monitor_enqueue(&thread, name), 0);
-    assert_string_equal(plm_thread_monitor_list.next->name, expected);
-    name[63] = '\0'; /* 63 fit whole */
-    assert_int_equal(plm_thread_monitor_enqueue(&thread, name), 0);
-    assert_string_equal(plm_thread_monitor_list.next->name, expected);
+    ASSERT_EQ(plm_thread_monitor_enqueue(&thread, std::string(79, 'a').c_str()),
+              0);
+    EXPECT_EQ(plm_thread_monitor_list.next->name, expected);
+    /* Exactly 64 characters. */
+    ASSERT_EQ(plm_thread_monitor_enqueue(&thread, std::string(64, 'a').c_str()),
+              0);
+    EXPECT_EQ(plm_thread_monitor_list.next->name, expected);
+    /* 63 fit whole. */
+    ASSERT_EQ(plm_thread_monitor_enqueue(&thread, expected.c_str()), 0);
+    EXPECT_EQ(plm_thread_monitor_list.next->name, expected);
 }
 
-static void test_newest_entry_comes_first(void **state)
+TEST_F(ThreadMonitorTest, NewestEntryComesFirst)
 {
-    static pthread_t first, second;
-
-    (void)state;
-    plm_thread_monitor_enqueue(&first, "pellin sys poll");
-    plm_thread_monitor_enqueue(&second, "pellin IPC server");
-    assert_string_equal(plm_thread_monitor_list.next->name,
-                        "pellin IPC server");
-    assert_string_equal(plm_thread_monitor_list.next->next->name,
-                        "pellin sys poll");
-    assert_ptr_equal(plm_thread_monitor_list.next->next->next,
-                     &plm_thread_monitor_list);
-    assert_ptr_equal(plm_thread_monitor_list.prev->thread, &first);
+    ASSERT_EQ(plm_thread_monitor_enqueue(&first, "pellin sys poll"), 0);
+    ASSERT_EQ(plm_thread_monitor_enqueue(&second, "pellin IPC server"), 0);
+    EXPECT_STREQ(plm_thread_monitor_list.next->name, "pellin IPC server");
+    EXPECT_STREQ(plm_thread_monitor_list.next->next->name, "pellin sys poll");
+    EXPECT_EQ(plm_thread_monitor_list.next->next->next,
+              &plm_thread_monitor_list);
+    EXPECT_EQ(plm_thread_monitor_list.prev->thread, &first);
 }
 
-static void test_thread_that_returned_is_found_once(void **state)
-{
-    static pthread_t alive, ended;
-
-    (void)state;
-    pthread_mutex_lock(&hold);
-    assert_int_equal(pthread_create(&alive, NULL, wait_for_release, NULL), 0);
-    assert_int_equal(pthread_create(&ended, NULL, return_at_once, NULL), 0);
-    plm_thread_monitor_enqueue(&ended, "pellin sys poll");
-    plm_thread_monitor_enqueue(&alive, "pellin IPC server");
-    /* The ended thread is found (and joined) even behind a live one. */
-    for (int i = 0; i < 1000; i++) {
-        plm_thread_monitor_entry *found = plm_thread_monitor_find_ended();
-
-        if (found != NULL) {
-            assert_string_equal(found->name, "pellin sys poll");
-            break;
-        }
-        usleep(1000);
-        assert_true(i < 999);
+/* A thread that returns at once; joined on destruction unless the monitor
+ * has joined it. */
+class EndedThread {
+public:
+    EndedThread()
+    {
+        started_ =
+            pthread_create(&handle_, nullptr, return_at_once, nullptr) == 0;
     }
-    pthread_mutex_unlock(&hold);
-    pthread_join(alive, NULL);
-}
+    EndedThread(const EndedThread &) = delete;
+    EndedThread &operator=(const EndedThread &) = delete;
+    ~EndedThread()
+    {
+        if (started_ && !joined_elsewhere)
+            pthread_join(handle_, nullptr);
+    }
 
-static void test_live_threads_are_not_found(void **state)
+    bool started() const
+    {
+        return started_;
+    }
+    pthread_t *handle()
+    {
+        return &handle_;
+    }
+
+    bool joined_elsewhere = false;
+
+private:
+    pthread_t handle_{};
+    bool started_ = false;
+};
+
+TEST_F(ThreadMonitorTest, ThreadThatReturnedIsFoundOnce)
 {
-    static pthread_t alive;
+    LiveThread alive;
+    EndedThread ended;
+    plm_thread_monitor_entry *found = nullptr;
 
-    (void)state;
-    pthread_mutex_lock(&hold);
-    assert_int_equal(pthread_create(&alive, NULL, wait_for_release, NULL), 0);
-    plm_thread_monitor_enqueue(&alive, "pellin IPC server");
-    assert_null(plm_thread_monitor_find_ended());
-    pthread_mutex_unlock(&hold);
-    pthread_join(alive, NULL);
+    ASSERT_TRUE(alive.started());
+    ASSERT_TRUE(ended.started());
+    ASSERT_EQ(plm_thread_monitor_enqueue(ended.handle(), "pellin sys poll"),
+              0);
+    ASSERT_EQ(plm_thread_monitor_enqueue(alive.handle(), "pellin IPC server"),
+              0);
+    /* The ended thread is found (and joined) even behind a live one. */
+    const auto deadline =
+        std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    while (found == nullptr && std::chrono::steady_clock::now() < deadline) {
+        found = plm_thread_monitor_find_ended();
+        if (found == nullptr)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    ASSERT_NE(found, nullptr)
+        << "the thread that returned was not found within 5 s";
+    ended.joined_elsewhere = found->thread == ended.handle();
+    EXPECT_STREQ(found->name, "pellin sys poll");
 }
 
-int main(void)
+TEST_F(ThreadMonitorTest, LiveThreadsAreNotFound)
 {
-#define T(name) cmocka_unit_test_setup_teardown(name, setup, teardown)
-    const struct CMUnitTest tests[] = {
-        T(test_enqueue_logs_the_name),
-        T(test_null_thread_is_refused),
-        T(test_allocation_failure_says_null_pointer),
-        T(test_null_name_is_unknown),
-        T(test_long_name_is_cut_to_63),
-        T(test_newest_entry_comes_first),
-        T(test_thread_that_returned_is_found_once),
-        T(test_live_threads_are_not_found),
-    };
+    LiveThread alive;
 
-    if (enter_private_tmp() != 0)
-        return 1;
-    return cmocka_run_group_tests(tests, NULL, NULL);
+    ASSERT_TRUE(alive.started());
+    ASSERT_EQ(plm_thread_monitor_enqueue(alive.handle(), "pellin IPC server"),
+              0);
+    EXPECT_EQ(plm_thread_monitor_find_ended(), nullptr);
 }
+
+} // namespace

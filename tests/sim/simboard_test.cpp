@@ -1,15 +1,14 @@
 /* Tests of the simulated board, its sandbox and the syslog listener. */
-#ifndef _GNU_SOURCE
-#endif
-
+#include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <ftw.h>
 #include <grp.h>
 #include <limits.h>
-#include <setjmp.h>
+#include <linux/audit.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
 #include <signal.h>
-#include <stdarg.h>
 #include <stddef.h>
 #include <stdint.h>
 #include <stdio.h>
@@ -17,31 +16,57 @@
 #include <string.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <syslog.h>
+#include <poll.h>
 #include <time.h>
 #include <unistd.h>
 
-#include <cmocka.h>
+#include <chrono>
+#include <fstream>
+#include <functional>
+#include <initializer_list>
+#include <memory>
+#include <set>
+#include <span>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
 #include <pciaccess.h>
 
+#include "log_expect.hpp"
+#include "private_tmp.hpp"
 #include "simboard.hpp"
 
-#define NELEM(a)          (sizeof(a) / sizeof((a)[0]))
-#define CHILD_TIMEOUT_MS  10000
-#define SYSLOG_TIMEOUT_MS 3000
-#define NOBODY            65534
-#define EXIT_SKIP         77
-#define LIVE_POLLS        2000
-#define LIVE_POLL_US      1000
+namespace {
 
-/* One board kind and what must hold for it. */
-struct reg_row {
+constexpr int CHILD_TIMEOUT_MS = 10000;
+constexpr int SYSLOG_TIMEOUT_MS = 3000;
+constexpr uid_t NOBODY = 65534;
+constexpr int EXIT_SKIP = 77;
+constexpr int LIVE_POLLS = 2000;
+constexpr useconds_t LIVE_POLL_US = 1000;
+/* A spawn whose child cannot enter the sandbox returns well within this,
+ * not after a caller's timeout. */
+constexpr long SPAWN_FAILURE_MS = 2000;
+
+/* ---- what must hold for each board kind ---- */
+
+struct RegRow {
     uint32_t offset;
     uint32_t value;
 };
 
-struct kind_case {
+/* Implemented extents {offset, length} of an image. */
+struct Extent {
+    uint32_t offset;
+    uint32_t length;
+};
+
+struct KindCase {
     enum sim_board_kind kind;
     const char *name;
     uint16_t device;
@@ -50,22 +75,12 @@ struct kind_case {
     uint32_t bar_addr;
     size_t size;
     const char *idprom;
-    const struct reg_row *rows;
-    size_t nrows;
-    const struct extent *extents;
-    size_t nextents;
-    const struct reg_row *nonzero;
-    size_t nnonzero;
+    std::span<const RegRow> rows;
+    std::span<const Extent> extents;
+    std::span<const RegRow> nonzero;
 };
 
-struct fixture {
-    const struct kind_case *kc;
-    char dir[64];
-    char root[PATH_MAX];
-    struct sim_board *b;
-};
-
-static const struct reg_row base_rows[] = {
+constexpr RegRow base_rows[] = {
     {0x00000, 0x00010203},                        /* revision */
     {0x00004, 0x00000000}, {0x00010, 0x24031510}, /* image timestamp */
     {0x000FC, 0x00000000},                        /* scratch */
@@ -90,7 +105,7 @@ static const struct reg_row base_rows[] = {
     {0x3FFFC, 0xDEADBEEF}, /* last word of the window */
 };
 
-static const struct reg_row lhx_rows[] = {
+constexpr RegRow lhx_rows[] = {
     {0x00000, 0x00010203}, {0x00010, 0x24031510},
     {0x000FC, 0x00000000}, {0x00200, 0xDEADBEEF},
     {0x01000, 0x00000000}, /* lhx-pcie */
@@ -107,406 +122,613 @@ static const struct reg_row lhx_rows[] = {
     {0x1FFFC, 0xDEADBEEF},
 };
 
-/* Implemented extents {offset, length}, restated from host.md 4. */
-struct extent {
-    uint32_t offset;
-    uint32_t length;
-};
-
-static const struct extent base_extents[] = {
+constexpr Extent base_extents[] = {
     {0x00000, 0x200}, {0x01000, 0x100}, {0x10000, 0x900}, {0x20000, 0x900},
     {0x12000, 0x100}, {0x22000, 0x100}, {0x16000, 0x100}, {0x26000, 0x100},
     {0x17000, 0x800}, {0x27000, 0x800}, {0x18000, 0x100}, {0x28000, 0x100},
     {0x19000, 0x100}, {0x29000, 0x100}, {0x1A000, 0x100}, {0x2A000, 0x100},
 };
 
-static const struct extent lhx_extents[] = {
+constexpr Extent lhx_extents[] = {
     {0x00000, 0x200}, {0x01000, 0x100}, {0x10000, 0x1100},
     {0x12000, 0x100}, {0x16000, 0x100}, {0x19000, 0x100},
 };
 
-static const struct reg_row base_nonzero[] = {
+constexpr RegRow base_nonzero[] = {
     {0x00000, 0x00010203},
     {0x00010, 0x24031510},
     {0x10824, 0x01000000},
     {0x20824, 0x01000000},
 };
 
-static const struct reg_row lhx_nonzero[] = {
+constexpr RegRow lhx_nonzero[] = {
     {0x00000, 0x00010203},
     {0x00010, 0x24031510},
     {0x11024, 0x00000008},
 };
 
-static const struct kind_case case_base2 = {
-    SIM_BOARD_BASE2,
-    "base2",
-    0x01d7,
-    0x01d7,
-    0,
-    0xf0000000,
-    0x40000,
-    "CONTROLLER_TYPE=4358\nBOARD_TYPE=4\n",
-    base_rows,
-    NELEM(base_rows),
-    base_extents,
-    NELEM(base_extents),
-    base_nonzero,
-    NELEM(base_nonzero),
+const KindCase case_base2 = {
+    .kind = SIM_BOARD_BASE2,
+    .name = "base2",
+    .device = 0x01d7,
+    .subsys_device = 0x01d7,
+    .bar = 0,
+    .bar_addr = 0xf0000000,
+    .size = 0x40000,
+    .idprom = "CONTROLLER_TYPE=4358\nBOARD_TYPE=4\n",
+    .rows = base_rows,
+    .extents = base_extents,
+    .nonzero = base_nonzero,
 };
 
-static const struct kind_case case_base1 = {
-    SIM_BOARD_BASE1,
-    "base1",
-    0x01d7,
-    0x01d7,
-    0,
-    0xf0000000,
-    0x40000,
-    "CONTROLLER_TYPE=4361\nBOARD_TYPE=4\n",
-    base_rows,
-    NELEM(base_rows),
-    base_extents,
-    NELEM(base_extents),
-    base_nonzero,
-    NELEM(base_nonzero),
+const KindCase case_base1 = {
+    .kind = SIM_BOARD_BASE1,
+    .name = "base1",
+    .device = 0x01d7,
+    .subsys_device = 0x01d7,
+    .bar = 0,
+    .bar_addr = 0xf0000000,
+    .size = 0x40000,
+    .idprom = "CONTROLLER_TYPE=4361\nBOARD_TYPE=4\n",
+    .rows = base_rows,
+    .extents = base_extents,
+    .nonzero = base_nonzero,
 };
 
-static const struct kind_case case_lhx = {
-    SIM_BOARD_LHX,
-    "lhx",
-    0x01d9,
-    0x01d9,
-    2,
-    0xf1000000,
-    0x20000,
-    "CONTROLLER_TYPE=4390\nBOARD_TYPE=4\n",
-    lhx_rows,
-    NELEM(lhx_rows),
-    lhx_extents,
-    NELEM(lhx_extents),
-    lhx_nonzero,
-    NELEM(lhx_nonzero),
+const KindCase case_lhx = {
+    .kind = SIM_BOARD_LHX,
+    .name = "lhx",
+    .device = 0x01d9,
+    .subsys_device = 0x01d9,
+    .bar = 2,
+    .bar_addr = 0xf1000000,
+    .size = 0x20000,
+    .idprom = "CONTROLLER_TYPE=4390\nBOARD_TYPE=4\n",
+    .rows = lhx_rows,
+    .extents = lhx_extents,
+    .nonzero = lhx_nonzero,
 };
+
+/* Cases and their names show the kind, not an address. */
+void PrintTo(const KindCase *kc, std::ostream *os)
+{
+    *os << kc->name;
+}
+
+std::string kind_name(const ::testing::TestParamInfo<const KindCase *> &info)
+{
+    return info.param->name;
+}
 
 /* ---- helpers ---- */
 
-static int rm_entry(const char *path, const struct stat *st, int flag,
-                    struct FTW *ftw)
+int remove_entry(const char *path, const struct stat *, int, struct FTW *)
 {
-    (void)st;
-    (void)flag;
-    (void)ftw;
     return remove(path);
 }
 
-static void remove_dir(const char *dir)
+/* A directory made by mkdtemp, removed with all it holds at scope end. */
+class TempDir {
+public:
+    explicit TempDir(const char *pattern = "/tmp/simboard-test-XXXXXX")
+        : path_(pattern)
+    {
+        if (mkdtemp(path_.data()) == nullptr) {
+            ADD_FAILURE() << "mkdtemp " << pattern << ": " << strerror(errno);
+            path_.clear();
+        }
+    }
+    TempDir(const TempDir &) = delete;
+    TempDir &operator=(const TempDir &) = delete;
+    ~TempDir() { remove(); }
+
+    bool ok() const { return !path_.empty(); }
+    const std::string &path() const { return path_; }
+    std::string operator/(const std::string &name) const
+    {
+        return path_ + "/" + name;
+    }
+    void remove()
+    {
+        if (!path_.empty())
+            nftw(path_.c_str(), remove_entry, 16,
+                 FTW_DEPTH | FTW_PHYS | FTW_MOUNT);
+        path_.clear();
+    }
+
+private:
+    std::string path_;
+};
+
+/* A child process, killed and reaped at scope end unless waited for. */
+class ChildGuard {
+public:
+    explicit ChildGuard(pid_t pid = -1) : pid_(pid) {}
+    ChildGuard(const ChildGuard &) = delete;
+    ChildGuard &operator=(const ChildGuard &) = delete;
+    ~ChildGuard()
+    {
+        if (pid_ > 0) {
+            kill(pid_, SIGKILL);
+            waitpid(pid_, nullptr, 0);
+        }
+    }
+
+    pid_t get() const { return pid_; }
+    /* sim_wait, which reaps the child whatever it returns. */
+    int wait(int timeout_ms, int *status)
+    {
+        pid_t pid = pid_;
+
+        pid_ = -1;
+        return sim_wait(pid, timeout_ms, status);
+    }
+
+private:
+    pid_t pid_;
+};
+
+/* A board freed at scope end (its tree stays: it lies in a TempDir). */
+struct BoardFree {
+    void operator()(sim_board *b) const { sim_board_free(b); }
+};
+using BoardPtr = std::unique_ptr<sim_board, BoardFree>;
+
+/* An argument vector for exec from plain strings. */
+class Argv {
+public:
+    Argv(std::initializer_list<std::string> args) : args_(args)
+    {
+        for (std::string &a : args_)
+            pointers_.push_back(a.data());
+        pointers_.push_back(nullptr);
+    }
+    char *const *get() { return pointers_.data(); }
+
+private:
+    std::vector<std::string> args_;
+    std::vector<char *> pointers_;
+};
+
+std::string join_path(const std::string &a, const std::string &b)
 {
-    nftw(dir, rm_entry, 16, FTW_DEPTH | FTW_PHYS | FTW_MOUNT);
+    return a + "/" + b;
 }
 
-static void path_join(char *dst, const char *a, const char *b)
+/* The file's whole text; a marker text when it cannot be read, so that a
+ * comparison fails and says why. */
+std::string read_text(const std::string &path)
 {
-    int n = snprintf(dst, PATH_MAX, "%s/%s", a, b);
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream text;
 
-    assert_true(n > 0 && n < PATH_MAX);
+    if (!in)
+        return "<cannot read " + path + ": " + strerror(errno) + ">";
+    text << in.rdbuf();
+    return text.str();
 }
 
-static ssize_t read_text(const char *path, char *buf, size_t size)
+void expect_file_text(const std::string &path, const std::string &expected)
 {
-    int fd = open(path, O_RDONLY | O_CLOEXEC);
-    ssize_t n, len = 0;
-
-    if (fd < 0)
-        return -1;
-    while ((n = read(fd, buf + len, size - 1 - (size_t)len)) > 0)
-        len += n;
-    close(fd);
-    buf[len] = '\0';
-    return n < 0 ? -1 : len;
+    EXPECT_EQ(read_text(path), expected) << path;
 }
 
-static void assert_file_text(const char *path, const char *expected)
-{
-    char buf[4096];
-
-    assert_int_not_equal(read_text(path, buf, sizeof(buf)), -1);
-    assert_string_equal(buf, expected);
-}
-
-static int exit_code(int status)
+int exit_code(int status)
 {
     if (WIFEXITED(status))
         return WEXITSTATUS(status);
     return 128 + WTERMSIG(status);
 }
 
-static int run_argv(const struct sim_board *b,
-                    const struct sim_sandbox_opts *opts, char *const argv[])
+/* Milliseconds since `since` (negative: until it). */
+long elapsed_ms(std::chrono::steady_clock::time_point since)
 {
-    int status;
-    pid_t pid = sim_board_spawn(b, opts, argv);
+    return (long)std::chrono::duration_cast<std::chrono::milliseconds>(
+               std::chrono::steady_clock::now() - since)
+        .count();
+}
 
-    assert_true(pid > 0);
-    assert_int_equal(sim_wait(pid, CHILD_TIMEOUT_MS, &status), 0);
+/* Names in a directory, without "." and "..". */
+std::set<std::string> dir_entries(const char *path)
+{
+    std::set<std::string> names;
+    DIR *d = opendir(path);
+
+    if (d == nullptr) {
+        ADD_FAILURE() << "opendir " << path << ": " << strerror(errno);
+        return names;
+    }
+    while (const struct dirent *de = readdir(d))
+        if (strcmp(de->d_name, ".") != 0 && strcmp(de->d_name, "..") != 0)
+            names.insert(de->d_name);
+    closedir(d);
+    return names;
+}
+
+/* Spawns argv in the sandbox and waits; its exit code, -1 when it did
+ * not start. */
+int run_argv(const sim_board *b, const sim_sandbox_opts *opts, Argv argv)
+{
+    int status = 0;
+    ChildGuard child(sim_board_spawn(b, opts, argv.get()));
+
+    if (child.get() <= 0) {
+        ADD_FAILURE() << "spawn " << argv.get()[0] << ": "
+                      << sim_board_last_error();
+        return -1;
+    }
+    if (child.wait(CHILD_TIMEOUT_MS, &status) != 0) {
+        ADD_FAILURE() << "wait " << argv.get()[0] << ": " << strerror(errno);
+        return -1;
+    }
     return exit_code(status);
 }
 
-static int run_sh(const struct sim_board *b,
-                  const struct sim_sandbox_opts *opts, const char *script)
+int run_sh(const sim_board *b, const sim_sandbox_opts *opts,
+           const std::string &script)
 {
-    char *const argv[] = {"/bin/sh", "-c", (char *)script, NULL};
-
-    return run_argv(b, opts, argv);
+    return run_argv(b, opts, {"/bin/sh", "-c", script});
 }
 
 /* Runs fn in a forked child inside the sandbox; returns its exit code. */
-static int run_fn(const struct sim_board *b,
-                  const struct sim_sandbox_opts *opts,
-                  int (*fn)(const void *arg), const void *arg, pid_t *child)
+int run_fn(const sim_board *b, const sim_sandbox_opts *opts,
+           const std::function<int()> &fn, pid_t *child_pid = nullptr)
 {
-    int status;
+    int status = 0;
     pid_t pid = fork();
 
-    assert_true(pid >= 0);
+    if (pid < 0) {
+        ADD_FAILURE() << "fork: " << strerror(errno);
+        return -1;
+    }
     if (pid == 0) {
         if (sim_board_enter(b, opts) < 0) {
             fprintf(stderr, "enter: %s\n", sim_board_last_error());
             _exit(126);
         }
-        _exit(fn(arg));
+        _exit(fn());
     }
-    if (child)
-        *child = pid;
-    assert_int_equal(sim_wait(pid, CHILD_TIMEOUT_MS, &status), 0);
+    ChildGuard child(pid);
+    if (child_pid)
+        *child_pid = pid;
+    if (child.wait(CHILD_TIMEOUT_MS, &status) != 0) {
+        ADD_FAILURE() << "wait: " << strerror(errno);
+        return -1;
+    }
     return exit_code(status);
 }
 
-/* ---- fixtures ---- */
-
-static int make_fixture(void **state, const struct kind_case *kc)
+/* Runs fn in a forked child, handing it a descriptor whose bytes come back
+ * in *out.  Returns the child's exit code, -1 when it did not run or end. */
+int run_child(const std::function<int(int out_fd)> &fn, std::string *out)
 {
-    struct fixture *f = calloc(1, sizeof(*f));
+    const auto deadline = std::chrono::steady_clock::now() +
+                          std::chrono::milliseconds(CHILD_TIMEOUT_MS);
+    int status = 0;
+    int fds[2];
 
-    if (!f)
-        return -1;
-    f->kc = kc;
-    strcpy(f->dir, "/tmp/simboard-test-XXXXXX");
-    if (!mkdtemp(f->dir)) {
-        free(f);
-        return -1;
-    }
-    snprintf(f->root, sizeof(f->root), "%s/board", f->dir);
-    if (sim_board_create(f->root, kc->kind, &f->b) < 0) {
-        fprintf(stderr, "sim_board_create: %s\n", strerror(errno));
-        remove_dir(f->dir);
-        free(f);
+    out->clear();
+    if (pipe2(fds, O_CLOEXEC) < 0) {
+        ADD_FAILURE() << "pipe: " << strerror(errno);
         return -1;
     }
-    *state = f;
-    return 0;
-}
+    pid_t pid = fork();
+    if (pid == 0) {
+        close(fds[0]);
+        _exit(fn(fds[1]));
+    }
+    close(fds[1]);
+    ChildGuard child(pid);
+    bool timed_out = false;
+    for (;;) {
+        struct pollfd pfd = {fds[0], POLLIN, 0};
+        char buf[4096];
+        const long left = -elapsed_ms(deadline);
+        int ready = poll(&pfd, 1, left > 0 ? (int)left : 0);
 
-static int setup_board(void **state)
-{
-    const struct kind_case *kc = *state ? *state : &case_base2;
-
-    return make_fixture(state, kc);
-}
-
-static int teardown_board(void **state)
-{
-    struct fixture *f = *state;
-    int rc = sim_board_destroy(f->b);
-
-    remove_dir(f->dir);
-    free(f);
-    return rc;
-}
-
-/* ---- the board tree ---- */
-
-static void test_window_content(void **state)
-{
-    struct fixture *f = *state;
-    const struct kind_case *kc = f->kc;
-    struct stat st;
-    uint32_t v;
-
-    assert_int_equal(sim_board_window_size(f->b), kc->size);
-    assert_int_equal(stat(sim_board_path(f->b, SIM_PATH_WINDOW), &st), 0);
-    assert_int_equal(st.st_size, kc->size);
-    for (size_t i = 0; i < kc->nrows; i++) {
-        if (kc->rows[i].offset >= kc->size)
+        if (ready < 0 && errno == EINTR)
             continue;
-        assert_int_equal(sim_board_read(f->b, kc->rows[i].offset, &v), 0);
-        if (v != kc->rows[i].value)
-            fail_msg("offset 0x%05x: 0x%08x, expected 0x%08x",
-                     kc->rows[i].offset, v, kc->rows[i].value);
+        timed_out = ready == 0;
+        ssize_t n = ready > 0 ? read(fds[0], buf, sizeof(buf)) : -1;
+        if (n <= 0)
+            break;
+        out->append(buf, (size_t)n);
     }
-}
-
-static uint32_t expected_word(const struct kind_case *kc, uint32_t off)
-{
-    for (size_t i = 0; i < kc->nnonzero; i++)
-        if (kc->nonzero[i].offset == off)
-            return kc->nonzero[i].value;
-    for (size_t i = 0; i < kc->nextents; i++)
-        if (off - kc->extents[i].offset < kc->extents[i].length)
-            return 0;
-    return SIM_BOARD_FILLER;
-}
-
-/* Every word of the window, against the block list of the design. */
-static void test_window_every_word(void **state)
-{
-    struct fixture *f = *state;
-    const struct kind_case *kc = f->kc;
-    uint32_t v;
-
-    for (uint32_t off = 0; off < kc->size; off += 4) {
-        assert_int_equal(sim_board_read(f->b, off, &v), 0);
-        if (v != expected_word(kc, off))
-            fail_msg("offset 0x%05x: 0x%08x, expected 0x%08x", off, v,
-                     expected_word(kc, off));
+    close(fds[0]);
+    if (pid < 0) {
+        ADD_FAILURE() << "fork: " << strerror(errno);
+        return -1;
     }
-}
-
-static void test_window_little_endian(void **state)
-{
-    struct fixture *f = *state;
-    static const uint8_t revision[4] = {0x03, 0x02, 0x01, 0x00};
-    static const uint8_t filler[4] = {0xEF, 0xBE, 0xAD, 0xDE};
-    uint8_t buf[4];
-    int fd = open(sim_board_path(f->b, SIM_PATH_WINDOW), O_RDONLY);
-
-    assert_true(fd >= 0);
-    assert_int_equal(pread(fd, buf, 4, 0), 4);
-    assert_memory_equal(buf, revision, 4);
-    assert_int_equal(pread(fd, buf, 4, 0x200), 4);
-    assert_memory_equal(buf, filler, 4);
-    close(fd);
-}
-
-static void test_window_bounds(void **state)
-{
-    struct fixture *f = *state;
-    uint32_t v;
-
-    errno = 0;
-    assert_int_equal(sim_board_read(f->b, f->kc->size, &v), -1);
-    assert_int_equal(errno, EINVAL);
-    errno = 0;
-    assert_int_equal(sim_board_read(f->b, 0x102, &v), -1);
-    assert_int_equal(errno, EINVAL);
-    errno = 0;
-    assert_int_equal(sim_board_write(f->b, f->kc->size, 1), -1);
-    assert_int_equal(errno, EINVAL);
-    assert_int_equal(sim_board_read(f->b, f->kc->size - 4, &v), 0);
-    assert_int_equal(v, SIM_BOARD_FILLER);
-}
-
-static void test_id_files(void **state)
-{
-    struct fixture *f = *state;
-    const char *dev = sim_board_path(f->b, SIM_PATH_DEVICE);
-    char path[PATH_MAX], want[32];
-    const struct {
-        const char *name;
-        unsigned value;
-    } rows[] = {
-        {"device", f->kc->device},
-        {"subsystem_device", f->kc->subsys_device},
-    };
-
-    path_join(path, dev, "vendor");
-    assert_file_text(path, "0x1c7a\n");
-    path_join(path, dev, "class");
-    assert_file_text(path, "0x058000\n");
-    path_join(path, dev, "revision");
-    assert_file_text(path, "0x00\n");
-    path_join(path, dev, "subsystem_vendor");
-    assert_file_text(path, "0x1c7a\n");
-    path_join(path, dev, "irq");
-    assert_file_text(path, "0\n");
-    for (size_t i = 0; i < NELEM(rows); i++) {
-        snprintf(want, sizeof(want), "0x%04x\n", rows[i].value);
-        path_join(path, dev, rows[i].name);
-        assert_file_text(path, want);
+    /* At end of file the child is ending; at the deadline it is killed. */
+    if (child.wait(timed_out ? 0 : CHILD_TIMEOUT_MS, &status) != 0) {
+        ADD_FAILURE() << "the child did not end in " << CHILD_TIMEOUT_MS
+                      << " ms";
+        return -1;
     }
+    return exit_code(status);
 }
 
-static uint32_t le32(const uint8_t *p)
+uint32_t le32(const uint8_t *p)
 {
     return (uint32_t)p[0] | (uint32_t)p[1] << 8 | (uint32_t)p[2] << 16 |
            (uint32_t)p[3] << 24;
 }
 
-static void test_config_space(void **state)
+/* The value of a "Name:" line of /proc/self/status, "" when absent. */
+std::string proc_status(const std::string &name)
 {
-    struct fixture *f = *state;
-    uint8_t cfg[512];
-    int fd = open(sim_board_path(f->b, SIM_PATH_CONFIG), O_RDONLY);
-    uint16_t v;
+    std::ifstream status("/proc/self/status");
+    std::string line;
 
-    assert_true(fd >= 0);
-    assert_int_equal(read(fd, cfg, sizeof(cfg)), 256);
-    close(fd);
-    assert_int_equal(cfg[0] | cfg[1] << 8, 0x1c7a);
-    assert_int_equal(cfg[2] | cfg[3] << 8, f->kc->device);
-    assert_int_equal(cfg[4] | cfg[5] << 8, 0);
-    for (unsigned bar = 0; bar < 6; bar++)
-        assert_int_equal(le32(cfg + 0x10 + 4 * bar),
-                         bar == f->kc->bar ? f->kc->bar_addr : 0);
-    assert_int_equal(cfg[44] | cfg[45] << 8, 0x1c7a);
-    assert_int_equal(cfg[46] | cfg[47] << 8, f->kc->subsys_device);
-    assert_int_equal(sim_board_config_read16(f->b, 2, &v), 0);
-    assert_int_equal(v, f->kc->device);
-    assert_int_equal(sim_board_config_read16(f->b, 255, &v), -1);
+    while (std::getline(status, line)) {
+        if (line.rfind(name + ":", 0) != 0)
+            continue;
+        size_t start = line.find_first_not_of(" \t", name.size() + 1);
+        return start == std::string::npos ? "" : line.substr(start);
+    }
+    return "";
 }
 
-static void test_resource_file(void **state)
+/* What, besides the sandbox code itself, may refuse this process a mount
+ * namespace: not root, no CAP_SYS_ADMIN, a seccomp filter, a security
+ * module's confinement.  "" when none of them. */
+std::string what_may_refuse_namespaces()
 {
-    struct fixture *f = *state;
-    char path[PATH_MAX], want[13 * 64];
-    size_t len = 0;
+    std::ifstream attr("/proc/self/attr/current");
+    std::string label;
+
+    if (geteuid() != 0)
+        return "not root";
+    if (((std::stoull("0" + proc_status("CapEff"), nullptr, 16) >> 21) & 1) ==
+        0)
+        return "root without CAP_SYS_ADMIN";
+    if (proc_status("Seccomp") != "0")
+        return "under a seccomp filter";
+    if (std::getline(attr, label) && !label.empty() &&
+        label.find("unconfined") == std::string::npos)
+        return "confined by a security module (" + label + ")";
+    return "";
+}
+
+/* ---- fixtures ---- */
+
+/* A board of one kind in a directory of its own, both gone at the end. */
+class BoardTest : public ::testing::Test {
+protected:
+    /* With sandbox, skipped with the reason when it cannot be entered. */
+    void start(const KindCase &kc, bool sandbox)
+    {
+        std::string why;
+
+        if (sandbox && !sim_sandbox_available(&why))
+            GTEST_SKIP() << why;
+        kc_ = &kc;
+        ASSERT_TRUE(dir_.ok());
+        root_ = dir_ / "board";
+        ASSERT_EQ(sim_board_create(root_.c_str(), kc.kind, &b_), 0)
+            << "sim_board_create: " << strerror(errno);
+    }
+
+    void TearDown() override
+    {
+        if (b_ != nullptr) {
+            EXPECT_EQ(sim_board_destroy(b_), 0) << strerror(errno);
+            b_ = nullptr;
+        }
+    }
+
+    std::string path(sim_board_path_id id) const
+    {
+        return sim_board_path(b_, id);
+    }
+
+    const KindCase *kc_ = nullptr;
+    TempDir dir_;
+    std::string root_;
+    sim_board *b_ = nullptr;
+};
+
+/* The board tree alone: a base2 board. */
+class SimBoard : public BoardTest {
+protected:
+    void SetUp() override { start(case_base2, false); }
+};
+
+/* A board tree of each kind. */
+class SimBoardEachKind
+    : public BoardTest,
+      public ::testing::WithParamInterface<const KindCase *> {
+protected:
+    void SetUp() override { start(*GetParam(), false); }
+};
+
+/* The board tree of a base2 and of an LHX board. */
+class SimBoardTwoKinds : public SimBoardEachKind {};
+
+/* A base2 board whose sandbox can be entered. */
+class SimSandbox : public BoardTest {
+protected:
+    void SetUp() override { start(case_base2, true); }
+};
+
+/* An LHX board whose sandbox can be entered. */
+class SimSandboxLhx : public BoardTest {
+protected:
+    void SetUp() override { start(case_lhx, true); }
+};
+
+/* The sandbox of a board of each kind. */
+class SimSandboxEachKind
+    : public BoardTest,
+      public ::testing::WithParamInterface<const KindCase *> {
+protected:
+    void SetUp() override { start(*GetParam(), true); }
+};
+
+/* The sandbox of a base2 and of an LHX board. */
+class SimSandboxTwoKinds : public SimSandboxEachKind {};
+
+INSTANTIATE_TEST_SUITE_P(Kinds, SimBoardEachKind,
+                         ::testing::Values(&case_base2, &case_base1, &case_lhx),
+                         kind_name);
+INSTANTIATE_TEST_SUITE_P(Kinds, SimBoardTwoKinds,
+                         ::testing::Values(&case_base2, &case_lhx), kind_name);
+INSTANTIATE_TEST_SUITE_P(Kinds, SimSandboxEachKind,
+                         ::testing::Values(&case_base2, &case_base1, &case_lhx),
+                         kind_name);
+INSTANTIATE_TEST_SUITE_P(Kinds, SimSandboxTwoKinds,
+                         ::testing::Values(&case_base2, &case_lhx), kind_name);
+
+/* ---- the board tree ---- */
+
+TEST_P(SimBoardEachKind, WindowContent)
+{
+    struct stat st;
+    uint32_t v;
+
+    EXPECT_EQ(sim_board_window_size(b_), kc_->size);
+    ASSERT_EQ(stat(path(SIM_PATH_WINDOW).c_str(), &st), 0);
+    EXPECT_EQ((size_t)st.st_size, kc_->size);
+    for (const RegRow &row : kc_->rows) {
+        if (row.offset >= kc_->size)
+            continue;
+        ASSERT_EQ(sim_board_read(b_, row.offset, &v), 0);
+        ASSERT_EQ(v, row.value)
+            << format_text("offset 0x%05x: 0x%08x, expected 0x%08x",
+                           row.offset, v, row.value);
+    }
+}
+
+uint32_t expected_word(const KindCase &kc, uint32_t off)
+{
+    for (const RegRow &row : kc.nonzero)
+        if (row.offset == off)
+            return row.value;
+    for (const Extent &e : kc.extents)
+        if (off - e.offset < e.length)
+            return 0;
+    return SIM_BOARD_FILLER;
+}
+
+/* Every word of the window, against the block list of the design. */
+TEST_P(SimBoardEachKind, WindowEveryWord)
+{
+    uint32_t v;
+
+    for (uint32_t off = 0; off < kc_->size; off += 4) {
+        ASSERT_EQ(sim_board_read(b_, off, &v), 0);
+        ASSERT_EQ(v, expected_word(*kc_, off))
+            << format_text("offset 0x%05x: 0x%08x, expected 0x%08x", off, v,
+                           expected_word(*kc_, off));
+    }
+}
+
+TEST_F(SimBoard, WindowLittleEndian)
+{
+    static const uint8_t revision[4] = {0x03, 0x02, 0x01, 0x00};
+    static const uint8_t filler[4] = {0xEF, 0xBE, 0xAD, 0xDE};
+    uint8_t buf[4];
+    int fd = open(path(SIM_PATH_WINDOW).c_str(), O_RDONLY | O_CLOEXEC);
+
+    ASSERT_GE(fd, 0);
+    EXPECT_EQ(pread(fd, buf, 4, 0), 4);
+    EXPECT_EQ(memcmp(buf, revision, 4), 0);
+    EXPECT_EQ(pread(fd, buf, 4, 0x200), 4);
+    EXPECT_EQ(memcmp(buf, filler, 4), 0);
+    close(fd);
+}
+
+TEST_P(SimBoardTwoKinds, WindowBounds)
+{
+    const uint32_t size = (uint32_t)kc_->size;
+    uint32_t v;
+
+    errno = 0;
+    EXPECT_EQ(sim_board_read(b_, size, &v), -1);
+    EXPECT_EQ(errno, EINVAL);
+    errno = 0;
+    EXPECT_EQ(sim_board_read(b_, 0x102, &v), -1);
+    EXPECT_EQ(errno, EINVAL);
+    errno = 0;
+    EXPECT_EQ(sim_board_write(b_, size, 1), -1);
+    EXPECT_EQ(errno, EINVAL);
+    ASSERT_EQ(sim_board_read(b_, size - 4, &v), 0);
+    EXPECT_EQ(v, SIM_BOARD_FILLER);
+}
+
+TEST_P(SimBoardTwoKinds, IdFiles)
+{
+    const std::string dev = path(SIM_PATH_DEVICE);
+
+    expect_file_text(join_path(dev, "vendor"), "0x1c7a\n");
+    expect_file_text(join_path(dev, "class"), "0x058000\n");
+    expect_file_text(join_path(dev, "revision"), "0x00\n");
+    expect_file_text(join_path(dev, "subsystem_vendor"), "0x1c7a\n");
+    expect_file_text(join_path(dev, "irq"), "0\n");
+    expect_file_text(join_path(dev, "device"),
+                     format_text("0x%04x\n", kc_->device));
+    expect_file_text(join_path(dev, "subsystem_device"),
+                     format_text("0x%04x\n", kc_->subsys_device));
+}
+
+TEST_P(SimBoardTwoKinds, ConfigSpace)
+{
+    uint8_t cfg[512];
+    int fd = open(path(SIM_PATH_CONFIG).c_str(), O_RDONLY | O_CLOEXEC);
+    uint16_t v;
+
+    ASSERT_GE(fd, 0);
+    ssize_t n = read(fd, cfg, sizeof(cfg));
+    close(fd);
+    ASSERT_EQ(n, 256);
+    EXPECT_EQ(cfg[0] | cfg[1] << 8, 0x1c7a);
+    EXPECT_EQ(cfg[2] | cfg[3] << 8, kc_->device);
+    EXPECT_EQ(cfg[4] | cfg[5] << 8, 0);
+    for (unsigned bar = 0; bar < 6; bar++)
+        EXPECT_EQ(le32(cfg + 0x10 + 4 * bar),
+                  bar == kc_->bar ? kc_->bar_addr : 0u)
+            << "BAR " << bar;
+    EXPECT_EQ(cfg[44] | cfg[45] << 8, 0x1c7a);
+    EXPECT_EQ(cfg[46] | cfg[47] << 8, kc_->subsys_device);
+    ASSERT_EQ(sim_board_config_read16(b_, 2, &v), 0);
+    EXPECT_EQ(v, kc_->device);
+    EXPECT_EQ(sim_board_config_read16(b_, 255, &v), -1);
+}
+
+TEST_P(SimBoardTwoKinds, ResourceFile)
+{
+    std::string want;
 
     for (unsigned i = 0; i < 13; i++) {
         unsigned long long start = 0, end = 0, flags = 0;
 
-        if (i == f->kc->bar) {
-            start = f->kc->bar_addr;
-            end = start + f->kc->size - 1;
+        if (i == kc_->bar) {
+            start = kc_->bar_addr;
+            end = start + kc_->size - 1;
             flags = 0x40200;
         }
-        len += (size_t)snprintf(want + len, sizeof(want) - len,
-                                "0x%016llx 0x%016llx 0x%016llx\n", start, end,
-                                flags);
+        want += format_text("0x%016llx 0x%016llx 0x%016llx\n", start, end,
+                            flags);
     }
-    path_join(path, sim_board_path(f->b, SIM_PATH_DEVICE), "resource");
-    assert_file_text(path, want);
-    snprintf(want, sizeof(want), "resource%u", f->kc->bar);
-    path_join(path, sim_board_path(f->b, SIM_PATH_DEVICE), want);
-    assert_string_equal(sim_board_path(f->b, SIM_PATH_WINDOW), path);
+    expect_file_text(join_path(path(SIM_PATH_DEVICE), "resource"), want);
+    EXPECT_EQ(path(SIM_PATH_WINDOW),
+              join_path(path(SIM_PATH_DEVICE),
+                        format_text("resource%u", kc_->bar)));
 }
 
-static void test_idprom_file(void **state)
+TEST_P(SimBoardEachKind, IdpromFile)
 {
-    struct fixture *f = *state;
-    char path[PATH_MAX];
+    const std::string file = join_path(root_, "tmp/idprom_cache.conf");
 
-    path_join(path, f->root, "tmp/idprom_cache.conf");
-    assert_string_equal(sim_board_path(f->b, SIM_PATH_IDPROM), path);
-    assert_file_text(path, f->kc->idprom);
+    EXPECT_EQ(path(SIM_PATH_IDPROM), file);
+    expect_file_text(file, kc_->idprom);
 }
 
-static void test_tree_layout(void **state)
+TEST_F(SimBoard, TreeLayout)
 {
-    struct fixture *f = *state;
-    char path[PATH_MAX];
     struct stat st;
     const struct {
-        enum sim_board_path_id id;
+        sim_board_path_id id;
         const char *rel;
         mode_t mode;
     } rows[] = {
@@ -517,80 +739,76 @@ static void test_tree_layout(void **state)
         {SIM_PATH_RUN, "run", 0755},
     };
 
-    for (size_t i = 0; i < NELEM(rows); i++) {
-        path_join(path, f->root, rows[i].rel);
-        assert_string_equal(sim_board_path(f->b, rows[i].id), path);
-        assert_int_equal(stat(path, &st), 0);
-        assert_true(S_ISDIR(st.st_mode));
-        assert_int_equal(st.st_mode & 07777, rows[i].mode);
+    for (const auto &row : rows) {
+        const std::string want = join_path(root_, row.rel);
+
+        SCOPED_TRACE(row.rel);
+        EXPECT_EQ(path(row.id), want);
+        ASSERT_EQ(stat(want.c_str(), &st), 0);
+        EXPECT_TRUE(S_ISDIR(st.st_mode));
+        EXPECT_EQ(st.st_mode & 07777, row.mode);
     }
-    path_join(path, f->root, "sys/" SIM_BOARD_SLOT);
-    assert_string_equal(sim_board_path(f->b, SIM_PATH_DEVICE), path);
+    EXPECT_EQ(path(SIM_PATH_DEVICE), join_path(root_, "sys/" SIM_BOARD_SLOT));
 }
 
-static void test_set_idprom(void **state)
+TEST_F(SimBoard, SetIdprom)
 {
-    struct fixture *f = *state;
-    const char *path = sim_board_path(f->b, SIM_PATH_IDPROM);
+    const std::string file = path(SIM_PATH_IDPROM);
 
-    assert_int_equal(sim_board_set_idprom(f->b, "CONTROLLER_TYPE=\"4358\"\n"),
-                     0);
-    assert_file_text(path, "CONTROLLER_TYPE=\"4358\"\n");
-    assert_int_equal(sim_board_set_idprom(f->b, ""), 0);
-    assert_file_text(path, "");
-    assert_int_equal(sim_board_set_idprom(f->b, NULL), 0);
-    assert_int_equal(access(path, F_OK), -1);
-    assert_int_equal(sim_board_set_idprom(f->b, NULL), 0);
+    ASSERT_EQ(sim_board_set_idprom(b_, "CONTROLLER_TYPE=\"4358\"\n"), 0);
+    expect_file_text(file, "CONTROLLER_TYPE=\"4358\"\n");
+    ASSERT_EQ(sim_board_set_idprom(b_, ""), 0);
+    expect_file_text(file, "");
+    ASSERT_EQ(sim_board_set_idprom(b_, nullptr), 0);
+    EXPECT_EQ(access(file.c_str(), F_OK), -1);
+    EXPECT_EQ(sim_board_set_idprom(b_, nullptr), 0);
 }
 
-static void test_read_write(void **state)
+TEST_F(SimBoard, ReadWrite)
 {
-    struct fixture *f = *state;
     uint8_t buf[4];
     uint32_t v;
     int fd;
 
-    assert_int_equal(sim_board_write(f->b, 0xFC, 0x80000000), 0);
-    assert_int_equal(sim_board_read(f->b, 0xFC, &v), 0);
-    assert_int_equal(v, 0x80000000);
-    assert_int_equal(sim_board_write(f->b, 0x10824, 0x12345678), 0);
-    fd = open(sim_board_path(f->b, SIM_PATH_WINDOW), O_RDONLY);
-    assert_true(fd >= 0);
-    assert_int_equal(pread(fd, buf, 4, 0x10824), 4);
+    ASSERT_EQ(sim_board_write(b_, 0xFC, 0x80000000), 0);
+    ASSERT_EQ(sim_board_read(b_, 0xFC, &v), 0);
+    EXPECT_EQ(v, 0x80000000u);
+    ASSERT_EQ(sim_board_write(b_, 0x10824, 0x12345678), 0);
+    fd = open(path(SIM_PATH_WINDOW).c_str(), O_RDONLY | O_CLOEXEC);
+    ASSERT_GE(fd, 0);
+    EXPECT_EQ(pread(fd, buf, 4, 0x10824), 4);
     close(fd);
-    assert_int_equal(le32(buf), 0x12345678);
-    assert_int_equal(sim_board_read(f->b, 0x10820, &v), 0);
-    assert_int_equal(v, 0);
+    EXPECT_EQ(le32(buf), 0x12345678u);
+    ASSERT_EQ(sim_board_read(b_, 0x10820, &v), 0);
+    EXPECT_EQ(v, 0u);
 }
 
-static void test_create_errors(void **state)
+TEST(SimBoardCreate, CreateErrors)
 {
-    char dir[] = "/tmp/simboard-test-XXXXXX";
-    char path[PATH_MAX];
-    struct sim_board *b = NULL;
-    int fd;
+    TempDir dir;
+    sim_board *b = nullptr;
 
-    (void)state;
-    assert_non_null(mkdtemp(dir));
-    path_join(path, dir, "stray");
-    fd = open(path, O_WRONLY | O_CREAT, 0644);
-    assert_true(fd >= 0);
+    ASSERT_TRUE(dir.ok());
+    const std::string stray = dir / "stray";
+    int fd = open(stray.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+    ASSERT_GE(fd, 0);
     close(fd);
     errno = 0;
-    assert_int_equal(sim_board_create(dir, SIM_BOARD_LHX, &b), -1);
-    assert_int_equal(errno, ENOTEMPTY);
-    assert_null(b);
+    EXPECT_EQ(sim_board_create(dir.path().c_str(), SIM_BOARD_LHX, &b), -1);
+    EXPECT_EQ(errno, ENOTEMPTY);
+    EXPECT_EQ(b, nullptr);
     errno = 0;
-    assert_int_equal(sim_board_create(dir, SIM_BOARD_KIND_COUNT, &b), -1);
-    assert_int_equal(errno, EINVAL);
-    assert_int_equal(unlink(path), 0);
-    assert_int_equal(sim_board_create(dir, SIM_BOARD_BASE1, &b), 0);
-    assert_int_equal(sim_board_controller_type(b), 0x1109);
-    assert_int_equal(sim_board_destroy(b), 0);
-    assert_int_equal(access(dir, F_OK), -1);
+    EXPECT_EQ(sim_board_create(dir.path().c_str(), SIM_BOARD_KIND_COUNT, &b),
+              -1);
+    EXPECT_EQ(errno, EINVAL);
+    ASSERT_EQ(unlink(stray.c_str()), 0);
+    ASSERT_EQ(sim_board_create(dir.path().c_str(), SIM_BOARD_BASE1, &b), 0);
+    EXPECT_EQ(sim_board_controller_type(b), 0x1109u);
+    EXPECT_EQ(sim_board_destroy(b), 0);
+    EXPECT_EQ(access(dir.path().c_str(), F_OK), -1);
 }
 
-static void test_kind_names(void **state)
+TEST(SimBoardCreate, KindNames)
 {
     static const struct {
         const char *name;
@@ -602,127 +820,120 @@ static void test_kind_names(void **state)
     };
     enum sim_board_kind k;
 
-    (void)state;
-    for (size_t i = 0; i < NELEM(rows); i++) {
-        assert_string_equal(sim_board_kind_name(rows[i].kind), rows[i].name);
-        assert_int_equal(sim_board_kind_from_name(rows[i].name, &k), 0);
-        assert_int_equal(k, rows[i].kind);
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.name);
+        EXPECT_STREQ(sim_board_kind_name(row.kind), row.name);
+        ASSERT_EQ(sim_board_kind_from_name(row.name, &k), 0);
+        EXPECT_EQ(k, row.kind);
     }
-    assert_int_equal(sim_board_kind_from_name("base", &k), -1);
-    assert_null(sim_board_kind_name(SIM_BOARD_KIND_COUNT));
+    EXPECT_EQ(sim_board_kind_from_name("base", &k), -1);
+    EXPECT_EQ(sim_board_kind_name(SIM_BOARD_KIND_COUNT), nullptr);
 }
 
 /* ---- the sandbox ---- */
 
-static void test_sandbox_view(void **state)
+TEST_P(SimSandboxTwoKinds, SandboxView)
 {
-    struct fixture *f = *state;
-    char path[PATH_MAX];
-
-    assert_int_equal(
-        run_sh(f->b, NULL,
-               "ls -A /sys/bus/pci/devices > /run/orvel/ls.out && "
-               "cat /tmp/idprom_cache.conf > /run/orvel/idprom.out && "
-               "echo log > /opt/orvel/platform/logs/x && "
-               "echo tmp > /tmp/t"),
-        0);
-    path_join(path, f->root, "run/ls.out");
-    assert_file_text(path, SIM_BOARD_SLOT "\n");
-    path_join(path, f->root, "run/idprom.out");
-    assert_file_text(path, f->kc->idprom);
-    path_join(path, f->root, "opt/platform/logs/x");
-    assert_file_text(path, "log\n");
-    path_join(path, f->root, "tmp/t");
-    assert_file_text(path, "tmp\n");
+    EXPECT_EQ(run_sh(b_, nullptr,
+                     "ls -A /sys/bus/pci/devices > /run/orvel/ls.out && "
+                     "cat /tmp/idprom_cache.conf > /run/orvel/idprom.out && "
+                     "echo log > /opt/orvel/platform/logs/x && "
+                     "echo tmp > /tmp/t"),
+              0);
+    expect_file_text(join_path(root_, "run/ls.out"), SIM_BOARD_SLOT "\n");
+    expect_file_text(join_path(root_, "run/idprom.out"), kc_->idprom);
+    expect_file_text(join_path(root_, "opt/platform/logs/x"), "log\n");
+    expect_file_text(join_path(root_, "tmp/t"), "tmp\n");
 }
 
-static void test_sandbox_dev(void **state)
-{
-    struct fixture *f = *state;
-    struct sim_sandbox_opts opts;
-    char sock[PATH_MAX];
-    int fd;
+/* The syslog socket of a test: bound at /dev/log in the sandbox, closed
+ * and removed at scope end. */
+class SyslogListener {
+public:
+    explicit SyslogListener(const std::string &socket_path)
+        : path_(socket_path), fd_(sim_syslog_open(path_.c_str()))
+    {
+        opts_.syslog_socket = path_.c_str();
+    }
+    SyslogListener(const SyslogListener &) = delete;
+    SyslogListener &operator=(const SyslogListener &) = delete;
+    ~SyslogListener()
+    {
+        if (fd_ >= 0)
+            sim_syslog_close(fd_, path_.c_str());
+    }
 
-    path_join(sock, f->root, "log.sock");
-    fd = sim_syslog_open(sock);
-    assert_true(fd >= 0);
-    opts.syslog_socket = sock;
-    assert_int_equal(run_sh(f->b, &opts,
-                            "echo x > /dev/null && "
-                            "test \"$(head -c 5 /dev/zero | wc -c)\" = 5 && "
-                            "test -c /dev/urandom && test -c /dev/random && "
-                            "test -c /dev/full && test -S /dev/log && "
-                            "test -d /dev/pts && test -L /dev/ptmx && "
-                            "test ! -e /dev/kmsg"),
-                     0);
-    sim_syslog_close(fd, sock);
+    int fd() const { return fd_; }
+    const sim_sandbox_opts *opts() const { return &opts_; }
+
+private:
+    std::string path_;
+    int fd_;
+    sim_sandbox_opts opts_{};
+};
+
+TEST_F(SimSandbox, SandboxDev)
+{
+    SyslogListener log(join_path(root_, "log.sock"));
+
+    ASSERT_GE(log.fd(), 0) << strerror(errno);
+    EXPECT_EQ(run_sh(b_, log.opts(),
+                     "echo x > /dev/null && "
+                     "test \"$(head -c 5 /dev/zero | wc -c)\" = 5 && "
+                     "test -c /dev/urandom && test -c /dev/random && "
+                     "test -c /dev/full && test -S /dev/log && "
+                     "test -d /dev/pts && test -L /dev/ptmx && "
+                     "test ! -e /dev/kmsg"),
+              0);
 }
 
-static void test_spawn_exec_failure(void **state)
+TEST_F(SimSandbox, SpawnExecFailure)
 {
-    struct fixture *f = *state;
-    char *const argv[] = {"/nonexistent/program", NULL};
-
-    assert_int_equal(run_argv(f->b, NULL, argv), 127);
+    EXPECT_EQ(run_argv(b_, nullptr, {"/nonexistent/program"}), 127);
 }
 
 /* The sandbox shows the board's own /tmp: a program that lives under the
  * host's /tmp (a build there) must still run. */
-static void test_spawn_program_hidden_by_sandbox_tmp(void **state)
+TEST_F(SimSandbox, SpawnProgramHiddenBySandboxTmp)
 {
-    struct fixture *f = *state;
-    char dir[] = "/tmp/simboard_prog_XXXXXX";
-    char program[64];
-    char *const argv[] = {program, "-c", "exit 7", NULL};
+    TempDir dir("/tmp/simboard_prog_XXXXXX");
 
-    assert_non_null(mkdtemp(dir));
-    snprintf(program, sizeof(program), "%s/sh", dir);
-    assert_int_equal(symlink("/bin/sh", program), 0);
-    assert_int_equal(run_argv(f->b, NULL, argv), 7);
-    unlink(program);
-    rmdir(dir);
+    ASSERT_TRUE(dir.ok());
+    const std::string program = dir / "sh";
+    ASSERT_EQ(symlink("/bin/sh", program.c_str()), 0);
+    EXPECT_EQ(run_argv(b_, nullptr, {program, "-c", "exit 7"}), 7);
 }
 
-static void test_setpci_command(void **state)
+TEST_P(SimSandboxTwoKinds, SetpciCommand)
 {
-    struct fixture *f = *state;
     uint16_t cmd;
 
-    assert_int_equal(
-        run_sh(f->b, NULL, "setpci -d 1c7a:1d9 COMMAND=0x2 2>/dev/null"), 0);
-    assert_int_equal(sim_board_config_read16(f->b, 4, &cmd), 0);
-    assert_int_equal(cmd, f->kc->kind == SIM_BOARD_LHX ? 0x0002 : 0x0000);
+    EXPECT_EQ(run_sh(b_, nullptr, "setpci -d 1c7a:1d9 COMMAND=0x2 2>/dev/null"),
+              0);
+    ASSERT_EQ(sim_board_config_read16(b_, 4, &cmd), 0);
+    EXPECT_EQ(cmd, kc_->kind == SIM_BOARD_LHX ? 0x0002 : 0x0000);
 }
 
-static void test_lspci(void **state)
+TEST_P(SimSandboxTwoKinds, Lspci)
 {
-    struct fixture *f = *state;
-    char path[PATH_MAX], want[128];
-
-    assert_int_equal(run_sh(f->b, NULL, "lspci -n > /tmp/lspci.out"), 0);
-    snprintf(want, sizeof(want), "03:00.0 0580: 1c7a:%04x\n", f->kc->device);
-    path_join(path, f->root, "tmp/lspci.out");
-    assert_file_text(path, want);
+    EXPECT_EQ(run_sh(b_, nullptr, "lspci -n > /tmp/lspci.out"), 0);
+    expect_file_text(join_path(root_, "tmp/lspci.out"),
+                     format_text("03:00.0 0580: 1c7a:%04x\n", kc_->device));
 }
 
-static void test_lspci_region(void **state)
+TEST_P(SimSandboxTwoKinds, LspciRegion)
 {
-    struct fixture *f = *state;
-    char path[PATH_MAX], want[128];
-
-    assert_int_equal(
-        run_sh(f->b, NULL,
+    EXPECT_EQ(
+        run_sh(b_, nullptr,
                "lspci -vv -s 03:00.0 2>/dev/null | grep Region > /tmp/r.out"),
         0);
-    snprintf(want, sizeof(want),
-             "\tRegion %u: Memory at %x (32-bit, non-prefetchable) "
-             "[disabled] [size=%zuK]\n",
-             f->kc->bar, f->kc->bar_addr, f->kc->size / 1024);
-    path_join(path, f->root, "tmp/r.out");
-    assert_file_text(path, want);
+    expect_file_text(join_path(root_, "tmp/r.out"),
+                     format_text("\tRegion %u: Memory at %x (32-bit, "
+                                 "non-prefetchable) [disabled] [size=%zuK]\n",
+                                 kc_->bar, kc_->bar_addr, kc_->size / 1024));
 }
 
-enum probe_result {
+enum ProbeResult {
     PROBE_MAPPED,
     PROBE_INIT_FAILED = 10,
     PROBE_NOT_FOUND,
@@ -733,45 +944,46 @@ enum probe_result {
     PROBE_NO_WRITE_SEEN,
 };
 
-/* Discovery as the library does it (Part 2.1), with the real libpciaccess. */
-static int map_bar(const struct kind_case *kc, volatile uint32_t **win)
+/* Discovery as the library does it, with the real libpciaccess. */
+int map_bar(const KindCase &kc, volatile uint32_t **win)
 {
     struct pci_id_match match = {
-        0x1c7a,
-        kc->device,
-        PCI_MATCH_ANY,
-        kc->kind == SIM_BOARD_LHX ? PCI_MATCH_ANY : kc->subsys_device,
-        0,
-        0,
-        0,
+        .vendor_id = 0x1c7a,
+        .device_id = kc.device,
+        .subvendor_id = PCI_MATCH_ANY,
+        .subdevice_id =
+            kc.kind == SIM_BOARD_LHX ? PCI_MATCH_ANY : kc.subsys_device,
+        .device_class = 0,
+        .device_class_mask = 0,
+        .match_data = 0,
     };
     struct pci_device_iterator *it;
     struct pci_device *dev;
-    void *p = NULL;
+    void *p = nullptr;
 
     if (pci_system_init() != 0)
         return PROBE_INIT_FAILED;
     it = pci_id_match_iterator_create(&match);
-    dev = it ? pci_device_next(it) : NULL;
+    dev = it ? pci_device_next(it) : nullptr;
     if (!dev)
         return PROBE_NOT_FOUND;
     if (pci_device_probe(dev) != 0)
         return PROBE_PROBE_FAILED;
-    if (dev->regions[kc->bar].base_addr != kc->bar_addr ||
-        dev->regions[kc->bar].size != kc->size)
+    if (dev->regions[kc.bar].base_addr != kc.bar_addr ||
+        dev->regions[kc.bar].size != kc.size)
         return PROBE_BAD_REGION;
-    if (pci_device_map_range(dev, dev->regions[kc->bar].base_addr,
-                             dev->regions[kc->bar].size,
+    if (pci_device_map_range(dev, dev->regions[kc.bar].base_addr,
+                             dev->regions[kc.bar].size,
                              PCI_DEV_MAP_FLAG_WRITABLE, &p) != 0)
         return PROBE_MAP_FAILED;
-    *win = p;
+    *win = static_cast<volatile uint32_t *>(p);
     return PROBE_MAPPED;
 }
 
-static int pciaccess_probe(const void *arg)
+int pciaccess_probe(const KindCase &kc)
 {
     volatile uint32_t *win;
-    int rc = map_bar(arg, &win);
+    int rc = map_bar(kc, &win);
 
     if (rc != PROBE_MAPPED)
         return rc;
@@ -781,22 +993,21 @@ static int pciaccess_probe(const void *arg)
     return PROBE_MAPPED;
 }
 
-static void test_pciaccess_map(void **state)
+TEST_P(SimSandboxEachKind, PciaccessMap)
 {
-    struct fixture *f = *state;
     uint32_t v;
 
-    assert_int_equal(run_fn(f->b, NULL, pciaccess_probe, f->kc, NULL),
-                     PROBE_MAPPED);
-    assert_int_equal(sim_board_read(f->b, 0xFC, &v), 0);
-    assert_int_equal(v, 0xA5A50001);
+    EXPECT_EQ(run_fn(b_, nullptr, [&] { return pciaccess_probe(*kc_); }),
+              PROBE_MAPPED);
+    ASSERT_EQ(sim_board_read(b_, 0xFC, &v), 0);
+    EXPECT_EQ(v, 0xA5A50001u);
 }
 
 /* Both sides see the other's writes at once, as with the real BAR. */
-static int pciaccess_live(const void *arg)
+int pciaccess_live(const KindCase &kc)
 {
     volatile uint32_t *win;
-    int rc = map_bar(arg, &win);
+    int rc = map_bar(kc, &win);
 
     if (rc != PROBE_MAPPED)
         return rc;
@@ -809,106 +1020,87 @@ static int pciaccess_live(const void *arg)
     return PROBE_NO_WRITE_SEEN;
 }
 
-static void test_pciaccess_live(void **state)
+TEST_F(SimSandboxLhx, PciaccessLive)
 {
-    struct fixture *f = *state;
     uint32_t v = 0;
-    int status, i;
+    int status = 0;
     pid_t pid = fork();
 
-    assert_true(pid >= 0);
+    ASSERT_GE(pid, 0) << strerror(errno);
     if (pid == 0) {
-        if (sim_board_enter(f->b, NULL) < 0)
+        if (sim_board_enter(b_, nullptr) < 0)
             _exit(126);
-        _exit(pciaccess_live(f->kc));
+        _exit(pciaccess_live(*kc_));
     }
-    for (i = 0; i < LIVE_POLLS && v != 1; i++) {
-        assert_int_equal(sim_board_read(f->b, 0xFC, &v), 0);
+    ChildGuard child(pid);
+    for (int i = 0; i < LIVE_POLLS && v != 1; i++) {
+        ASSERT_EQ(sim_board_read(b_, 0xFC, &v), 0);
         usleep(LIVE_POLL_US);
     }
-    assert_int_equal(v, 1);
-    assert_int_equal(sim_board_write(f->b, 0x100, 0xC0FFEE), 0);
-    assert_int_equal(sim_wait(pid, CHILD_TIMEOUT_MS, &status), 0);
-    assert_int_equal(exit_code(status), PROBE_MAPPED);
+    ASSERT_EQ(v, 1u);
+    ASSERT_EQ(sim_board_write(b_, 0x100, 0xC0FFEE), 0);
+    ASSERT_EQ(child.wait(CHILD_TIMEOUT_MS, &status), 0);
+    EXPECT_EQ(exit_code(status), PROBE_MAPPED);
 }
 
-static void test_break_window(void **state)
+TEST_P(SimSandboxTwoKinds, BreakWindow)
 {
-    struct fixture *f = *state;
     uint32_t v;
 
-    assert_int_equal(sim_board_break_window(f->b), 0);
-    assert_int_equal(access(sim_board_path(f->b, SIM_PATH_WINDOW), F_OK), -1);
-    assert_int_equal(run_fn(f->b, NULL, pciaccess_probe, f->kc, NULL),
-                     PROBE_MAP_FAILED);
-    assert_int_equal(sim_board_read(f->b, 0, &v), 0);
-    assert_int_equal(v, 0x00010203);
-    assert_int_equal(sim_board_break_window(f->b), 0);
+    ASSERT_EQ(sim_board_break_window(b_), 0);
+    EXPECT_EQ(access(path(SIM_PATH_WINDOW).c_str(), F_OK), -1);
+    EXPECT_EQ(run_fn(b_, nullptr, [&] { return pciaccess_probe(*kc_); }),
+              PROBE_MAP_FAILED);
+    ASSERT_EQ(sim_board_read(b_, 0, &v), 0);
+    EXPECT_EQ(v, 0x00010203u);
+    EXPECT_EQ(sim_board_break_window(b_), 0);
 }
 
-static void test_wait_timeout(void **state)
+TEST_F(SimSandbox, WaitTimeout)
 {
-    struct fixture *f = *state;
-    char *const argv[] = {"sleep", "100", NULL};
-    struct timespec t0, t1;
+    Argv argv{"sleep", "100"};
     int status = 0;
-    pid_t pid = sim_board_spawn(f->b, NULL, argv);
+    ChildGuard child(sim_board_spawn(b_, nullptr, argv.get()));
+    const pid_t pid = child.get();
 
-    assert_true(pid > 0);
-    clock_gettime(CLOCK_MONOTONIC, &t0);
+    ASSERT_GT(pid, 0) << sim_board_last_error();
+    const auto t0 = std::chrono::steady_clock::now();
     errno = 0;
-    assert_int_equal(sim_wait(pid, 200, &status), -1);
-    assert_int_equal(errno, ETIMEDOUT);
-    clock_gettime(CLOCK_MONOTONIC, &t1);
-    assert_true(WIFSIGNALED(status));
-    assert_int_equal(WTERMSIG(status), SIGKILL);
-    assert_true(t1.tv_sec - t0.tv_sec < 3);
-    assert_int_equal(waitpid(pid, NULL, WNOHANG), -1);
-    assert_int_equal(errno, ECHILD);
+    EXPECT_EQ(child.wait(200, &status), -1);
+    EXPECT_EQ(errno, ETIMEDOUT);
+    const long ms = elapsed_ms(t0);
+    EXPECT_TRUE(WIFSIGNALED(status));
+    EXPECT_EQ(WTERMSIG(status), SIGKILL);
+    EXPECT_LT(ms, 3000);
+    EXPECT_EQ(waitpid(pid, nullptr, WNOHANG), -1);
+    EXPECT_EQ(errno, ECHILD);
 }
 
 /* ---- syslog ---- */
 
-struct syslog_fixture {
-    struct sim_sandbox_opts opts;
-    char sock[PATH_MAX];
-    int fd;
-};
-
-static void open_listener(struct fixture *f, struct syslog_fixture *s)
+TEST_F(SimSandbox, SyslogLogger)
 {
-    path_join(s->sock, f->root, "log.sock");
-    s->fd = sim_syslog_open(s->sock);
-    assert_true(s->fd >= 0);
-    s->opts.syslog_socket = s->sock;
-}
+    SyslogListener log(join_path(root_, "log.sock"));
+    sim_syslog_msg m;
 
-static void test_syslog_logger(void **state)
-{
-    struct fixture *f = *state;
-    struct syslog_fixture s;
-    struct sim_syslog_msg m;
-    char *const argv[] = {"logger", "-t",          "Pellin Manager",
-                          "-p",     "daemon.crit", "hello world",
-                          NULL};
-
-    open_listener(f, &s);
-    assert_int_equal(run_argv(f->b, &s.opts, argv), 0);
-    assert_int_equal(sim_syslog_next(s.fd, SYSLOG_TIMEOUT_MS, &m), 0);
-    assert_int_equal(m.facility, 3);
-    assert_int_equal(m.severity, 2);
-    assert_string_equal(m.ident, "Pellin Manager");
-    assert_int_equal(m.pid, 0);
-    assert_string_equal(m.text, "hello world");
+    ASSERT_GE(log.fd(), 0) << strerror(errno);
+    ASSERT_EQ(run_argv(b_, log.opts(),
+                       {"logger", "-t", "Pellin Manager", "-p", "daemon.crit",
+                        "hello world"}),
+              0);
+    ASSERT_EQ(sim_syslog_next(log.fd(), SYSLOG_TIMEOUT_MS, &m), 0);
+    EXPECT_EQ(m.facility, 3);
+    EXPECT_EQ(m.severity, 2);
+    EXPECT_STREQ(m.ident, "Pellin Manager");
+    EXPECT_EQ(m.pid, 0);
+    EXPECT_STREQ(m.text, "hello world");
     errno = 0;
-    assert_int_equal(sim_syslog_next(s.fd, 50, &m), -1);
-    assert_int_equal(errno, ETIMEDOUT);
-    sim_syslog_close(s.fd, s.sock);
+    EXPECT_EQ(sim_syslog_next(log.fd(), 50, &m), -1);
+    EXPECT_EQ(errno, ETIMEDOUT);
 }
 
-static int glibc_syslog(const void *arg)
+int glibc_syslog()
 {
-    (void)arg;
     openlog("larks-hollow-fpga", 0, LOG_DAEMON);
     syslog(LOG_INFO, "%s - Found %d traffic pipes", "Informational", 2);
     closelog();
@@ -918,31 +1110,29 @@ static int glibc_syslog(const void *arg)
     return 0;
 }
 
-static void test_syslog_glibc(void **state)
+TEST_F(SimSandbox, SyslogGlibc)
 {
-    struct fixture *f = *state;
-    struct syslog_fixture s;
-    struct sim_syslog_msg m;
-    pid_t child;
+    SyslogListener log(join_path(root_, "log.sock"));
+    sim_syslog_msg m;
+    pid_t child = 0;
 
-    open_listener(f, &s);
-    assert_int_equal(run_fn(f->b, &s.opts, glibc_syslog, NULL, &child), 0);
-    assert_int_equal(sim_syslog_next(s.fd, SYSLOG_TIMEOUT_MS, &m), 0);
-    assert_int_equal(m.facility, 3);
-    assert_int_equal(m.severity, 6);
-    assert_string_equal(m.ident, "larks-hollow-fpga");
-    assert_int_equal(m.pid, 0);
-    assert_string_equal(m.text, "Informational - Found 2 traffic pipes");
-    assert_int_equal(sim_syslog_next(s.fd, SYSLOG_TIMEOUT_MS, &m), 0);
-    assert_int_equal(m.facility, 3);
-    assert_int_equal(m.severity, 3);
-    assert_string_equal(m.ident, "Pellin Manager");
-    assert_int_equal(m.pid, child);
-    assert_string_equal(m.text, "Error initializing IPC for pellin_mgr");
-    sim_syslog_close(s.fd, s.sock);
+    ASSERT_GE(log.fd(), 0) << strerror(errno);
+    ASSERT_EQ(run_fn(b_, log.opts(), glibc_syslog, &child), 0);
+    ASSERT_EQ(sim_syslog_next(log.fd(), SYSLOG_TIMEOUT_MS, &m), 0);
+    EXPECT_EQ(m.facility, 3);
+    EXPECT_EQ(m.severity, 6);
+    EXPECT_STREQ(m.ident, "larks-hollow-fpga");
+    EXPECT_EQ(m.pid, 0);
+    EXPECT_STREQ(m.text, "Informational - Found 2 traffic pipes");
+    ASSERT_EQ(sim_syslog_next(log.fd(), SYSLOG_TIMEOUT_MS, &m), 0);
+    EXPECT_EQ(m.facility, 3);
+    EXPECT_EQ(m.severity, 3);
+    EXPECT_STREQ(m.ident, "Pellin Manager");
+    EXPECT_EQ(m.pid, child);
+    EXPECT_STREQ(m.text, "Error initializing IPC for pellin_mgr");
 }
 
-static void test_syslog_parse(void **state)
+TEST(SimSyslog, SyslogParse)
 {
     static const struct {
         const char *line;
@@ -964,77 +1154,69 @@ static void test_syslog_parse(void **state)
         {"Mar 15 10:00:00 t: x", -1, 0, 0, "", 0, ""},
         {"<30>Mar 15 10:00:00 no colon", -1, 3, 6, "", 0, ""},
     };
-    struct sim_syslog_msg m;
+    sim_syslog_msg m;
 
-    (void)state;
-    for (size_t i = 0; i < NELEM(rows); i++) {
-        assert_int_equal(sim_syslog_parse(rows[i].line, &m), rows[i].rc);
-        assert_string_equal(m.raw, rows[i].line);
-        if (rows[i].rc < 0)
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.line);
+        EXPECT_EQ(sim_syslog_parse(row.line, &m), row.rc);
+        EXPECT_STREQ(m.raw, row.line);
+        if (row.rc < 0)
             continue;
-        assert_int_equal(m.facility, rows[i].facility);
-        assert_int_equal(m.severity, rows[i].severity);
-        assert_string_equal(m.ident, rows[i].ident);
-        assert_int_equal(m.pid, rows[i].pid);
-        assert_string_equal(m.text, rows[i].text);
+        EXPECT_EQ(m.facility, row.facility);
+        EXPECT_EQ(m.severity, row.severity);
+        EXPECT_STREQ(m.ident, row.ident);
+        EXPECT_EQ(m.pid, row.pid);
+        EXPECT_STREQ(m.text, row.text);
     }
 }
 
-static void test_syslog_truncates(void **state)
+TEST(SimSyslog, SyslogTruncates)
 {
-    char line[3000];
-    struct sim_syslog_msg m;
-    size_t n;
+    std::string line = "<30>Mar 15 10:00:00 ";
+    sim_syslog_msg m;
 
-    (void)state;
-    n = (size_t)snprintf(line, sizeof(line), "<30>Mar 15 10:00:00 ");
-    memset(line + n, 'i', 100);
-    n += 100;
-    memcpy(line + n, ": ", 2);
-    n += 2;
-    memset(line + n, 't', sizeof(line) - n - 1);
-    line[sizeof(line) - 1] = '\0';
-    assert_int_equal(sim_syslog_parse(line, &m), 0);
-    assert_int_equal(strlen(m.ident), SIM_SYSLOG_IDENT_MAX - 1);
-    assert_int_equal(strlen(m.raw), SIM_SYSLOG_RAW_MAX - 1);
-    assert_int_equal(strlen(m.text), SIM_SYSLOG_RAW_MAX - 1 - (20 + 100 + 2));
+    line += std::string(100, 'i') + ": ";
+    line += std::string(3000 - 1 - line.size(), 't');
+    ASSERT_EQ(sim_syslog_parse(line.c_str(), &m), 0);
+    EXPECT_EQ(strlen(m.ident), SIM_SYSLOG_IDENT_MAX - 1u);
+    EXPECT_EQ(strlen(m.raw), SIM_SYSLOG_RAW_MAX - 1u);
+    EXPECT_EQ(strlen(m.text), SIM_SYSLOG_RAW_MAX - 1u - (20 + 100 + 2));
 }
 
 /* ---- without CAP_SYS_ADMIN: the user-namespace path ---- */
 
-static int chown_entry(const char *path, const struct stat *st, int flag,
-                       struct FTW *ftw)
+int chown_entry(const char *path, const struct stat *, int, struct FTW *)
 {
-    (void)st;
-    (void)flag;
-    (void)ftw;
     return lchown(path, NOBODY, NOBODY);
 }
 
-static int unprivileged_view(const struct fixture *f,
-                             const struct sim_sandbox_opts *opts)
+/* Drops root for nobody, keeping /proc/self/uid_map writable. */
+bool become_nobody()
 {
-    char buf[256];
-
-    if (setgroups(0, NULL) < 0 || setresgid(NOBODY, NOBODY, NOBODY) < 0 ||
+    if (setgroups(0, nullptr) < 0 || setresgid(NOBODY, NOBODY, NOBODY) < 0 ||
         setresuid(NOBODY, NOBODY, NOBODY) < 0)
-        return 20;
+        return false;
     /* Dropping root made us undumpable, which hides /proc/self/uid_map. */
-    if (prctl(PR_SET_DUMPABLE, 1) < 0)
+    return prctl(PR_SET_DUMPABLE, 1) == 0;
+}
+
+/* Says on out_fd why nobody could not enter. */
+int unprivileged_view(const sim_board *b, const KindCase &kc,
+                      const sim_sandbox_opts *opts, int out_fd)
+{
+    if (!become_nobody())
         return 20;
-    if (sim_board_enter(f->b, opts) < 0) {
-        fprintf(stderr, "enter: %s\n", sim_board_last_error());
+    if (sim_board_enter(b, opts) < 0) {
+        dprintf(out_fd, "%s", sim_board_last_error());
         return strstr(sim_board_last_error(), "user and mount") ? EXIT_SKIP
                                                                 : 21;
     }
     if (getuid() != 0)
         return 22;
-    if (read_text("/sys/bus/pci/devices/" SIM_BOARD_SLOT "/vendor", buf,
-                  sizeof(buf)) < 0 ||
-        strcmp(buf, "0x1c7a\n"))
+    if (read_text("/sys/bus/pci/devices/" SIM_BOARD_SLOT "/vendor") !=
+        "0x1c7a\n")
         return 23;
-    if (read_text("/tmp/idprom_cache.conf", buf, sizeof(buf)) < 0 ||
-        strcmp(buf, f->kc->idprom))
+    if (read_text("/tmp/idprom_cache.conf") != kc.idprom)
         return 24;
     if (mkdir("/opt/orvel/platform/logs/u", 0755) < 0 ||
         mkdir("/run/orvel/ipc", 0755) < 0)
@@ -1045,99 +1227,318 @@ static int unprivileged_view(const struct fixture *f,
     return 0;
 }
 
-static void test_unprivileged_enter(void **state)
+TEST_F(SimSandbox, UnprivilegedEnter)
 {
-    struct fixture *f = *state;
-    struct syslog_fixture s;
-    struct sim_syslog_msg m;
-    char path[PATH_MAX];
-    int status;
-    pid_t pid;
+    std::string why;
 
     if (geteuid() != 0)
-        skip(); /* every other case already took this path */
-    open_listener(f, &s);
-    assert_int_equal(nftw(f->dir, chown_entry, 16, FTW_PHYS), 0);
-    pid = fork();
-    assert_true(pid >= 0);
-    if (pid == 0)
-        _exit(unprivileged_view(f, &s.opts));
-    assert_int_equal(sim_wait(pid, CHILD_TIMEOUT_MS, &status), 0);
-    if (exit_code(status) == EXIT_SKIP) {
-        sim_syslog_close(s.fd, s.sock);
-        skip();
-    }
-    assert_int_equal(exit_code(status), 0);
-    path_join(path, f->root, "opt/platform/logs/u");
-    assert_int_equal(access(path, F_OK), 0);
-    path_join(path, f->root, "run/ipc");
-    assert_int_equal(access(path, F_OK), 0);
-    assert_int_equal(sim_syslog_next(s.fd, SYSLOG_TIMEOUT_MS, &m), 0);
-    assert_int_equal(m.severity, 5);
-    assert_string_equal(m.ident, "unprivileged");
-    assert_string_equal(m.text, "in a user namespace");
-    sim_syslog_close(s.fd, s.sock);
+        GTEST_SKIP() << "needs root to become nobody; as an ordinary user "
+                        "every other case already takes this path";
+    SyslogListener log(join_path(root_, "log.sock"));
+    sim_syslog_msg m;
+
+    ASSERT_GE(log.fd(), 0) << strerror(errno);
+    ASSERT_EQ(nftw(dir_.path().c_str(), chown_entry, 16, FTW_PHYS), 0);
+    const int code = run_child(
+        [&](int out_fd) {
+            return unprivileged_view(b_, *kc_, log.opts(), out_fd);
+        },
+        &why);
+    if (code == EXIT_SKIP)
+        GTEST_SKIP() << "nobody cannot have a user namespace here: " << why;
+    ASSERT_EQ(code, 0) << why;
+    EXPECT_EQ(access(join_path(root_, "opt/platform/logs/u").c_str(), F_OK), 0);
+    EXPECT_EQ(access(join_path(root_, "run/ipc").c_str(), F_OK), 0);
+    ASSERT_EQ(sim_syslog_next(log.fd(), SYSLOG_TIMEOUT_MS, &m), 0);
+    EXPECT_EQ(m.severity, 5);
+    EXPECT_STREQ(m.ident, "unprivileged");
+    EXPECT_STREQ(m.text, "in a user namespace");
 }
 
-#define KIND_TEST(fn, kc)                                                      \
-    {                                                                          \
-#fn "/" #kc, fn, setup_board, teardown_board, (void *)&kc              \
-    }
-#define BOARD_TEST(fn)                                                         \
-    {                                                                          \
-#fn, fn, setup_board, teardown_board, NULL                             \
-    }
+/* ---- whether the sandbox can be entered, and saying so at once ---- */
 
-int main(void)
+/* Whether a child can enter b's sandbox, the probe aside. */
+bool child_enters(const sim_board *b)
 {
-    const struct CMUnitTest tests[] = {
-        KIND_TEST(test_window_content, case_base2),
-        KIND_TEST(test_window_content, case_base1),
-        KIND_TEST(test_window_content, case_lhx),
-        KIND_TEST(test_window_every_word, case_base2),
-        KIND_TEST(test_window_every_word, case_base1),
-        KIND_TEST(test_window_every_word, case_lhx),
-        KIND_TEST(test_window_bounds, case_base2),
-        KIND_TEST(test_window_bounds, case_lhx),
-        BOARD_TEST(test_window_little_endian),
-        KIND_TEST(test_id_files, case_base2),
-        KIND_TEST(test_id_files, case_lhx),
-        KIND_TEST(test_config_space, case_base2),
-        KIND_TEST(test_config_space, case_lhx),
-        KIND_TEST(test_resource_file, case_base2),
-        KIND_TEST(test_resource_file, case_lhx),
-        KIND_TEST(test_idprom_file, case_base2),
-        KIND_TEST(test_idprom_file, case_base1),
-        KIND_TEST(test_idprom_file, case_lhx),
-        BOARD_TEST(test_tree_layout),
-        BOARD_TEST(test_set_idprom),
-        BOARD_TEST(test_read_write),
-        cmocka_unit_test(test_create_errors),
-        cmocka_unit_test(test_kind_names),
-        KIND_TEST(test_sandbox_view, case_base2),
-        KIND_TEST(test_sandbox_view, case_lhx),
-        BOARD_TEST(test_sandbox_dev),
-        BOARD_TEST(test_spawn_exec_failure),
-        BOARD_TEST(test_spawn_program_hidden_by_sandbox_tmp),
-        KIND_TEST(test_setpci_command, case_lhx),
-        KIND_TEST(test_setpci_command, case_base2),
-        KIND_TEST(test_lspci, case_base2),
-        KIND_TEST(test_lspci, case_lhx),
-        KIND_TEST(test_lspci_region, case_base2),
-        KIND_TEST(test_lspci_region, case_lhx),
-        KIND_TEST(test_pciaccess_map, case_base2),
-        KIND_TEST(test_pciaccess_map, case_base1),
-        KIND_TEST(test_pciaccess_map, case_lhx),
-        KIND_TEST(test_pciaccess_live, case_lhx),
-        KIND_TEST(test_break_window, case_base2),
-        KIND_TEST(test_break_window, case_lhx),
-        BOARD_TEST(test_wait_timeout),
-        BOARD_TEST(test_syslog_logger),
-        BOARD_TEST(test_syslog_glibc),
-        cmocka_unit_test(test_syslog_parse),
-        cmocka_unit_test(test_syslog_truncates),
-        BOARD_TEST(test_unprivileged_enter),
+    int status = 0;
+    pid_t pid = fork();
+
+    if (pid < 0) {
+        ADD_FAILURE() << "fork: " << strerror(errno);
+        return false;
+    }
+    if (pid == 0)
+        _exit(sim_board_enter(b, nullptr) == 0 ? 0 : 1);
+    ChildGuard child(pid);
+    if (child.wait(CHILD_TIMEOUT_MS, &status) != 0) {
+        ADD_FAILURE() << "wait: " << strerror(errno);
+        return false;
+    }
+    EXPECT_TRUE(WIFEXITED(status)) << format_text("status 0x%x", status);
+    return exit_code(status) == 0;
+}
+
+/* A board made by the test itself, for the probe's cases. */
+class SimSandboxProbe : public BoardTest {
+protected:
+    void SetUp() override { start(case_base2, false); }
+};
+
+const char *const ADVICE =
+    "run as root, or allow unprivileged user namespaces (sysctl "
+    "kernel.unprivileged_userns_clone=1 / user.max_user_namespaces), or in a "
+    "container grant CAP_SYS_ADMIN";
+
+TEST_F(SimSandboxProbe, AvailableToUnconfinedRoot)
+{
+    const std::string refusal = what_may_refuse_namespaces();
+    std::string why = "untouched";
+
+    if (!refusal.empty())
+        GTEST_SKIP() << "needs root with CAP_SYS_ADMIN, unconfined; here "
+                     << refusal;
+    EXPECT_TRUE(sim_sandbox_available(&why));
+    EXPECT_EQ(why, "untouched");
+    EXPECT_TRUE(sim_sandbox_available(nullptr));
+}
+
+/* Here, whoever runs it: the probe says what entering would do. */
+TEST_F(SimSandboxProbe, AgreesWithEnter)
+{
+    std::string why;
+    const bool available = sim_sandbox_available(&why);
+
+    EXPECT_EQ(available, child_enters(b_)) << why;
+    if (available) {
+        EXPECT_EQ(why, "");
+    } else {
+        EXPECT_EQ(why.rfind("the sandbox cannot be entered here: ", 0), 0u)
+            << why;
+        EXPECT_NE(why.find(ADVICE), std::string::npos) << why;
+    }
+}
+
+/* The user-namespace path: nobody gets the answer entering would give. */
+TEST_F(SimSandboxProbe, AsNobodyAgreesWithEnter)
+{
+    std::string answer;
+
+    if (geteuid() != 0)
+        GTEST_SKIP() << "needs root to become nobody";
+    ASSERT_EQ(nftw(dir_.path().c_str(), chown_entry, 16, FTW_PHYS), 0);
+    ASSERT_EQ(run_child(
+                  [&](int out_fd) {
+                      std::string why;
+
+                      if (!become_nobody())
+                          return 2;
+                      const bool available = sim_sandbox_available(&why);
+                      dprintf(out_fd, "probe %d, enter %d: %s",
+                              (int)available, (int)child_enters(b_),
+                              why.c_str());
+                      return 0;
+                  },
+                  &answer),
+              0);
+    ASSERT_GE(answer.size(), 16u) << answer;
+    EXPECT_EQ(answer[6], answer[15]) << answer;
+}
+
+/* Makes unshare(2) fail with EPERM in this process and its children, as
+ * where namespaces are not allowed (a container without CAP_SYS_ADMIN).
+ * False on an architecture this filter does not know. */
+bool forbid_unshare()
+{
+#if defined(__x86_64__)
+    constexpr uint32_t arch = AUDIT_ARCH_X86_64;
+#elif defined(__aarch64__)
+    constexpr uint32_t arch = AUDIT_ARCH_AARCH64;
+#else
+    constexpr uint32_t arch = 0;
+    return false;
+#endif
+    struct sock_filter filter[] = {
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(struct seccomp_data, arch)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, arch, 1, 0),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(struct seccomp_data, nr)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, __NR_unshare, 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EPERM),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+    };
+    struct sock_fprog program = {
+        .len = (unsigned short)(sizeof(filter) / sizeof(filter[0])),
+        .filter = filter,
     };
 
-    return cmocka_run_group_tests(tests, NULL, NULL);
+    return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
+           prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) == 0;
 }
+
+/* What a process without namespaces saw, sent back from the child. */
+struct NoNamespaceView {
+    int filtered;
+    int available;
+    char why[1024];
+    pid_t spawned;
+    int spawn_errno;
+    char spawn_error[512];
+    long spawn_ms;
+    int children_left;
+};
+
+NoNamespaceView view_without_namespaces(const sim_board *b)
+{
+    NoNamespaceView v{};
+    std::string why;
+    Argv argv{"/bin/true"};
+
+    v.filtered = forbid_unshare();
+    if (!v.filtered)
+        return v;
+    v.available = sim_sandbox_available(&why);
+    snprintf(v.why, sizeof(v.why), "%s", why.c_str());
+    const auto t0 = std::chrono::steady_clock::now();
+    v.spawned = sim_board_spawn(b, nullptr, argv.get());
+    v.spawn_errno = errno;
+    v.spawn_ms = elapsed_ms(t0);
+    snprintf(v.spawn_error, sizeof(v.spawn_error), "%s",
+             sim_board_last_error());
+    if (v.spawned > 0)
+        sim_wait(v.spawned, CHILD_TIMEOUT_MS, nullptr);
+    v.children_left = !(waitpid(-1, nullptr, WNOHANG) < 0 && errno == ECHILD);
+    return v;
+}
+
+/* Where no namespace may be made: the probe says so and what to do, and a
+ * spawn fails at once, its child reaped. */
+TEST_F(SimSandboxProbe, WithoutNamespacesSaysWhy)
+{
+    NoNamespaceView v{};
+    std::string bytes;
+
+    ASSERT_EQ(run_child(
+                  [&](int out_fd) {
+                      const NoNamespaceView seen = view_without_namespaces(b_);
+
+                      return write(out_fd, &seen, sizeof(seen)) ==
+                                     (ssize_t)sizeof(seen)
+                                 ? 0
+                                 : 3;
+                  },
+                  &bytes),
+              0);
+    ASSERT_EQ(bytes.size(), sizeof(v));
+    memcpy(&v, bytes.data(), sizeof(v));
+    if (!v.filtered)
+        GTEST_SKIP() << "cannot install a seccomp filter here";
+    EXPECT_EQ(v.available, 0);
+    EXPECT_EQ(std::string(v.why),
+              std::string("the sandbox cannot be entered here: unshare (user "
+                          "and mount namespace): Operation not permitted; ") +
+                  ADVICE);
+    EXPECT_EQ(v.spawned, -1);
+    EXPECT_EQ(v.spawn_errno, EPERM);
+    EXPECT_STREQ(v.spawn_error,
+                 "unshare (user and mount namespace): Operation not permitted");
+    EXPECT_LT(v.spawn_ms, SPAWN_FAILURE_MS);
+    EXPECT_EQ(v.children_left, 0);
+}
+
+/* No child of this process is left, running or unreaped. */
+void expect_no_children()
+{
+    errno = 0;
+    EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
+    EXPECT_EQ(errno, ECHILD);
+}
+
+/* A child that cannot bind the syslog socket fails in the sandbox: the
+ * spawn says so at once, the child already reaped. */
+TEST_F(SimSandbox, SpawnReportsSandboxFailureAtOnce)
+{
+    const sim_sandbox_opts opts = {"/nonexistent/log.sock"};
+    Argv argv{"/bin/true"};
+
+    const auto t0 = std::chrono::steady_clock::now();
+    errno = 0;
+    EXPECT_EQ(sim_board_spawn(b_, &opts, argv.get()), -1);
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_LT(elapsed_ms(t0), SPAWN_FAILURE_MS);
+    EXPECT_STREQ(sim_board_last_error(),
+                 "open /nonexistent/log.sock: No such file or directory");
+    expect_no_children();
+}
+
+/* A board whose directories are gone cannot be shown. */
+TEST_F(SimSandbox, SpawnReportsUnusableBoardAtOnce)
+{
+    const std::string run = path(SIM_PATH_RUN);
+    Argv argv{"/bin/true"};
+
+    ASSERT_EQ(rmdir(run.c_str()), 0);
+    const auto t0 = std::chrono::steady_clock::now();
+    errno = 0;
+    EXPECT_EQ(sim_board_spawn(b_, nullptr, argv.get()), -1);
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_LT(elapsed_ms(t0), SPAWN_FAILURE_MS);
+    EXPECT_EQ(std::string(sim_board_last_error()),
+              "open " + run + ": No such file or directory");
+    expect_no_children();
+}
+
+/* In a /tmp of its own, so that nothing else's files count: spawning,
+ * whatever its outcome, leaves nothing in /tmp, and the board and the
+ * test's directories go with their owners. */
+class SimSpawnCleanup : public PrivateTmpTest {};
+
+TEST_F(SimSpawnCleanup, NoTempDirLeftAfterSpawns)
+{
+    std::string why;
+
+    if (!sim_sandbox_available(&why))
+        GTEST_SKIP() << why;
+    ASSERT_EQ(dir_entries("/tmp"), std::set<std::string>{});
+    {
+        TempDir dir;
+        TempDir prog("/tmp/simboard_prog_XXXXXX");
+        sim_board *created = nullptr;
+        int status = 0;
+
+        ASSERT_TRUE(dir.ok() && prog.ok());
+        ASSERT_EQ(sim_board_create((dir / "board").c_str(), SIM_BOARD_BASE2,
+                                   &created),
+                  0);
+        BoardPtr board(created);
+        const sim_board *b = board.get();
+        const std::string sh = prog / "sh";
+        ASSERT_EQ(symlink("/bin/sh", sh.c_str()), 0);
+        const std::set<std::string> before = dir_entries("/tmp");
+
+        /* Success. */
+        EXPECT_EQ(run_argv(b, nullptr, {sh, "-c", "exit 0"}), 0);
+        EXPECT_EQ(dir_entries("/tmp"), before);
+        /* The sandbox cannot be entered. */
+        const sim_sandbox_opts bad = {"/nonexistent/log.sock"};
+        Argv argv{sh, "-c", "exit 0"};
+        EXPECT_EQ(sim_board_spawn(b, &bad, argv.get()), -1);
+        EXPECT_EQ(dir_entries("/tmp"), before);
+        /* The program cannot be run. */
+        EXPECT_EQ(run_argv(b, nullptr, {"/nonexistent/program"}), 127);
+        EXPECT_EQ(dir_entries("/tmp"), before);
+        /* Killed. */
+        Argv sleeper{"sleep", "100"};
+        ChildGuard child(sim_board_spawn(b, nullptr, sleeper.get()));
+        EXPECT_GT(child.get(), 0) << sim_board_last_error();
+        if (child.get() > 0) {
+            EXPECT_EQ(child.wait(100, &status), -1);
+            EXPECT_TRUE(WIFSIGNALED(status));
+        }
+        EXPECT_EQ(dir_entries("/tmp"), before);
+        EXPECT_EQ(sim_board_destroy(board.release()), 0);
+    }
+    EXPECT_EQ(dir_entries("/tmp"), std::set<std::string>{});
+    expect_no_children();
+}
+
+} // namespace

@@ -91,9 +91,12 @@ static uint32_t status_read(int site, uint32_t reg, uint32_t stored)
                        : BT_MAX_TRACE;
     size_t read;
 
-    if (bt.trace_count >= limit)
+    /* Past the limit the read is reported once and no longer traced. */
+    if (bt.trace_count == limit)
         ADD_FAILURE() << format_text("more than %zu status reads", limit);
-    bt.trace[bt.trace_count++] = (struct traced_read){site, reg};
+    if (bt.trace_count < BT_MAX_TRACE)
+        bt.trace[bt.trace_count] = traced_read{site, reg};
+    bt.trace_count++;
     if (bt.script_length == 0 ||
         (bt.script_reg != BT_EVERY_STATUS && reg != bt.script_reg))
         return stored;

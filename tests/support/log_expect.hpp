@@ -1,4 +1,4 @@
-/* Whole-message assertions on both sinks of a component (Part 1.2): the
+/* Whole-message assertions on both sinks of a component: the
  * captured syslog message (severity, ident, text) and the file line
  * "<stamp>: <text>\n" with a stamp of the sink's format. */
 #ifndef LOG_EXPECT_H

@@ -7,7 +7,7 @@
 
 /* Asserts that the file at `path` holds exactly `expected` lines, in
  * order, each "<stamp of stamp_format>: <text>" (an expected "" stands for
- * an empty line, as the double newline of Part 1.2 leaves). */
+ * an empty line, as a message that ends in a newline of its own leaves). */
 void assert_log_file_lines(const char *path, const char *stamp_format,
                            const char *const *expected, size_t count);
 

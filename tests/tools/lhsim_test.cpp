@@ -1,271 +1,335 @@
 /* lhsim, the simulated board as a tool: every subcommand as a user runs it,
  * and each injection reaching the real pellin_mgr, started with
- * "lhsim run" on a board made by "lhsim create" (issue 6). */
+ * "lhsim run" on a board made by "lhsim create". */
 #include <dirent.h>
-#include <errno.h>
-#include <fcntl.h>
-#include <libgen.h>
-#include <limits.h>
 #include <signal.h>
+#include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
-#include <time.h>
 #include <unistd.h>
 
-#include "cmocka_all.h"
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
 #include "file_watch.hpp"
 #include "log_expect.hpp"
 #include "plat_ipc.h"
-#include "simboard.hpp"
+#include "tool_support.hpp"
 
-#define COMMAND_TIMEOUT_MS 10000
-#define START_TIMEOUT_MS   15000
-#define LOG_TIMEOUT_MS     5000
-#define STOP_TIMEOUT_MS    15000
-#define REPLY_TIMEOUT_MS   3000
-#define ARRAY_COUNT(a)     (sizeof(a) / sizeof((a)[0]))
+namespace {
 
-#define DUMP_PREFIX "lark_hollow_dump__"
+namespace fs = std::filesystem;
 
-struct fixture {
-    char parent[PATH_MAX];
-    char dir[PATH_MAX + 16]; /* parent/board */
-    char log[PATH_MAX + 64];
-    char socket[PATH_MAX + 64];
-    char run_out[PATH_MAX + 16]; /* lhsim run's standard output */
-    char run_err[PATH_MAX + 16];
-    char out[PATH_MAX + 16]; /* the last command's */
-    char err[PATH_MAX + 16];
-    char *out_text;
-    char *err_text;
-    pid_t run_pid;
+constexpr int kCommandTimeoutMs = 10000;
+constexpr int kStartTimeoutMs = 15000;
+constexpr int kLogTimeoutMs = 5000;
+constexpr int kStopTimeoutMs = 15000;
+
+constexpr char kDumpPrefix[] = "lark_hollow_dump__";
+
+using Args = std::vector<std::string>;
+
+struct ClientClose {
+    void operator()(struct ipc_client *c) const { ipc_client_close(c); }
+};
+using ClientPtr = std::unique_ptr<struct ipc_client, ClientClose>;
+
+/* Each case has a directory of its own for its board and the output of
+ * the commands it runs; a "lhsim run" still going at the end is stopped
+ * as a user would stop it, then killed with all it started. */
+class Lhsim : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        signal(SIGPIPE, SIG_IGN);
+        ASSERT_TRUE(parent_.made()) << "no directory in /tmp";
+        dir_ = parent_.file("board");
+        log_ = dir_ + "/opt/platform/logs/pellin_mgr.log";
+        socket_ = dir_ + "/run/ipc/219.sock";
+        run_out_ = parent_.file("run.out");
+        run_err_ = parent_.file("run.err");
+        out_ = parent_.file("cmd.out");
+        err_ = parent_.file("cmd.err");
+    }
+
+    void TearDown() override
+    {
+        if (run_.running()) {
+            run_.signal(SIGINT);
+            run_.wait(kStopTimeoutMs, nullptr);
+        }
+        run_.stop();
+        /* A board the run made for itself, should the run not have
+         * removed it. */
+        if (fresh_root_.starts_with("/tmp/lhsim_"))
+            remove_tree(fs::path(fresh_root_).parent_path());
+    }
+
+    /* lhsim args..., with the daemon's "keeper_svc" on its PATH. */
+    Child spawn_lhsim(const Args &args, const std::string &input,
+                      const std::string &out, const std::string &err) const
+    {
+        Args argv = {"lhsim"};
+        SpawnOptions options;
+
+        argv.insert(argv.end(), args.begin(), args.end());
+        options.in = input.empty() ? "/dev/null" : input;
+        options.out = out;
+        options.err = err;
+        options.own_group = true;
+        ScopedEnv path("PATH",
+                       fs::path(KEEPER_SVC_PATH).parent_path().string() + ":" +
+                           getenv("PATH"));
+        return spawn_program(LHSIM_PATH, argv, options);
+    }
+
+    /* Runs lhsim to its end and returns its exit code (-1: it did not
+     * end by itself); its output is in out_text_ and err_text_. */
+    int lhsim_with_input(const std::string &input, const Args &args)
+    {
+        int status = 0;
+        Child child = spawn_lhsim(args, input, out_, err_);
+        bool ended = child.wait(kCommandTimeoutMs, &status);
+
+        out_text_ = text_of(out_);
+        err_text_ = text_of(err_);
+        const std::string name = args.empty() ? "" : args[0];
+        if (!ended) {
+            ADD_FAILURE() << "lhsim " << name << " killed after "
+                          << kCommandTimeoutMs << " ms";
+            return -1;
+        }
+        EXPECT_TRUE(WIFEXITED(status))
+            << "lhsim " << name << " ended by signal " << WTERMSIG(status);
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+
+    int lhsim(const Args &args) { return lhsim_with_input("", args); }
+
+    std::optional<uint32_t> peek(const char *offset)
+    {
+        unsigned value = 0;
+
+        EXPECT_EQ(lhsim({"peek", dir_, offset}), 0) << err_text_;
+        int parsed = sscanf(out_text_.c_str(), "0x%x", &value);
+        EXPECT_EQ(parsed, 1) << out_text_;
+        if (parsed != 1)
+            return std::nullopt;
+        return value;
+    }
+
+    void expect_err_has(const char *text) const
+    {
+        EXPECT_NE(err_text_.find(text), std::string::npos)
+            << "\"" << text << "\" not in: " << err_text_;
+    }
+
+    void create_board(const char *kind)
+    {
+        ASSERT_EQ(lhsim({"create", "--board", kind, dir_}), 0) << err_text_;
+    }
+
+    /* The table of rows with "DIR" standing for dir. */
+    static Args with_dir(const Args &row, const std::string &dir)
+    {
+        Args args;
+
+        for (const std::string &arg : row)
+            args.push_back(arg == "DIR" ? dir : arg);
+        return args;
+    }
+
+    static void wait_for_count(const std::string &path, const char *text,
+                               int count)
+    {
+        long long start = now_ms();
+
+        while (count_in(path.c_str(), text) < count) {
+            if (now_ms() - start > kLogTimeoutMs)
+                FAIL() << format_text("\"%s\" not %d times in %s after %d ms",
+                                      text, count, path.c_str(),
+                                      kLogTimeoutMs);
+            usleep(20000);
+        }
+    }
+
+    static void expect_nothing_mounted(const std::string &dir)
+    {
+        std::string mounts = text_of("/proc/self/mountinfo");
+
+        EXPECT_EQ(mounts.find(dir), std::string::npos)
+            << dir << " is still mounted: " << mounts;
+    }
+
+    int count_dumps() const
+    {
+        const std::string logs = dir_ + "/opt/platform/logs";
+        DIR *d = opendir(logs.c_str());
+        int count = 0;
+
+        EXPECT_NE(d, nullptr) << logs;
+        if (d == nullptr)
+            return -1;
+        while (const struct dirent *entry = readdir(d))
+            count += strncmp(entry->d_name, kDumpPrefix,
+                             strlen(kDumpPrefix)) == 0;
+        closedir(d);
+        return count;
+    }
+
+    static bool is_empty_dir(const std::string &path)
+    {
+        std::error_code error;
+        bool empty = fs::is_empty(path, error);
+
+        EXPECT_FALSE(error) << path << ": " << error.message();
+        return empty && !error;
+    }
+
+    TempDir parent_{"/tmp/lhsim_test_"};
+    std::string dir_; /* parent/board */
+    std::string log_;
+    std::string socket_;
+    std::string run_out_; /* lhsim run's standard output */
+    std::string run_err_;
+    std::string out_; /* the last command's */
+    std::string err_;
+    std::string out_text_;
+    std::string err_text_;
+    std::string fresh_root_; /* a board "lhsim run" made on its own */
+    Child run_;              /* declared last: it ends before its files go */
 };
 
-static struct fixture f;
+/* The cases that need the board's sandbox, skipped where this user
+ * cannot have it. */
+class LhsimSandboxed : public Lhsim {
+protected:
+    void SetUp() override
+    {
+        std::string why;
 
-static void wait_for_count(const char *path, const char *text, int count)
-{
-    long long start = now_ms();
-
-    while (count_in(path, text) < count) {
-        if (now_ms() - start > LOG_TIMEOUT_MS)
-            fail_msg("\"%s\" not %d times in %s after %d ms", text, count, path,
-                     LOG_TIMEOUT_MS);
-        usleep(20000);
+        Lhsim::SetUp();
+        if (HasFatalFailure())
+            return;
+        if (!sandbox_ready(&why))
+            GTEST_SKIP() << why;
     }
-}
 
-static int setup(void **state)
-{
-    (void)state;
-    memset(&f, 0, sizeof(f));
-    strcpy(f.parent, "/tmp/lhsim_test_XXXXXX");
-    assert_non_null(mkdtemp(f.parent));
-    snprintf(f.dir, sizeof(f.dir), "%s/board", f.parent);
-    snprintf(f.log, sizeof(f.log), "%s/opt/platform/logs/pellin_mgr.log",
-             f.dir);
-    snprintf(f.socket, sizeof(f.socket), "%s/run/ipc/219.sock", f.dir);
-    snprintf(f.run_out, sizeof(f.run_out), "%s/run.out", f.parent);
-    snprintf(f.run_err, sizeof(f.run_err), "%s/run.err", f.parent);
-    snprintf(f.out, sizeof(f.out), "%s/cmd.out", f.parent);
-    snprintf(f.err, sizeof(f.err), "%s/cmd.err", f.parent);
-    return 0;
-}
+    void start_run(const Args &args)
+    {
+        unlink(run_err_.c_str()); /* only this run's banner counts */
+        run_ = spawn_lhsim(args, "", run_out_, run_err_);
+    }
 
-static void stop_run_quietly(void)
-{
-    if (f.run_pid <= 0)
-        return;
-    kill(f.run_pid, SIGINT);
-    sim_wait(f.run_pid, STOP_TIMEOUT_MS, NULL);
-    f.run_pid = 0;
-}
+    ClientPtr connect_client()
+    {
+        struct ipc_client *client = NULL;
+        long long start = now_ms();
 
-static int teardown(void **state)
-{
-    char command[PATH_MAX + 16];
-
-    (void)state;
-    stop_run_quietly();
-    free(f.out_text);
-    free(f.err_text);
-    snprintf(command, sizeof(command), "rm -rf %s", f.parent);
-    assert_int_equal(system(command), 0);
-    return 0;
-}
-
-static void redirect(const char *path, int fd, int flags)
-{
-    int opened = open(path, flags, 0644);
-
-    if (opened < 0 || dup2(opened, fd) < 0)
-        _exit(126);
-    close(opened);
-}
-
-/* Where the daemon's "keeper_svc" is found, inside the sandbox too. */
-static void put_keeper_on_path(void)
-{
-    char keeper[] = KEEPER_SVC_PATH;
-    char path[PATH_MAX * 2];
-
-    snprintf(path, sizeof(path), "%s:%s", dirname(keeper), getenv("PATH"));
-    setenv("PATH", path, 1);
-}
-
-static pid_t spawn_lhsim(const char *const *args, const char *input,
-                         const char *out, const char *err)
-{
-    const char *argv[24] = {"lhsim"};
-    size_t n = 1;
-    pid_t pid;
-
-    for (; args[n - 1] != NULL && n < ARRAY_COUNT(argv) - 1; n++)
-        argv[n] = args[n - 1];
-    argv[n] = NULL;
-    fflush(NULL);
-    pid = fork();
-    assert_true(pid >= 0);
-    if (pid > 0)
-        return pid;
-    redirect(input != NULL ? input : "/dev/null", STDIN_FILENO, O_RDONLY);
-    redirect(out, STDOUT_FILENO, O_WRONLY | O_CREAT | O_TRUNC);
-    redirect(err, STDERR_FILENO, O_WRONLY | O_CREAT | O_TRUNC);
-    put_keeper_on_path();
-    execv(LHSIM_PATH, (char *const *)argv);
-    _exit(127);
-}
-
-/* Runs lhsim to its end; its output is in f.out_text and f.err_text. */
-static int lhsim_with_input(const char *input, const char *const *args)
-{
-    int status = 0;
-    pid_t pid = spawn_lhsim(args, input, f.out, f.err);
-
-    assert_int_equal(sim_wait(pid, COMMAND_TIMEOUT_MS, &status), 0);
-    free(f.out_text);
-    free(f.err_text);
-    f.out_text = file_text(f.out);
-    f.err_text = file_text(f.err);
-    assert_true(WIFEXITED(status));
-    return WEXITSTATUS(status);
-}
-
-#define LHSIM(...)                                                             \
-    lhsim_with_input(NULL, (const char *const[]){__VA_ARGS__, NULL})
-
-static uint32_t peek(const char *offset)
-{
-    unsigned value = 0;
-
-    assert_int_equal(LHSIM("peek", f.dir, offset), 0);
-    assert_int_equal(sscanf(f.out_text, "0x%x", &value), 1);
-    return value;
-}
-
-static void assert_err_has(const char *text)
-{
-    if (strstr(f.err_text, text) == NULL)
-        fail_msg("\"%s\" not in: %s", text, f.err_text);
-}
-
-static void create_board(const char *kind)
-{
-    assert_int_equal(LHSIM("create", "--board", kind, f.dir), 0);
-}
-
-static void start_run(const char *const *args)
-{
-    unlink(f.run_err); /* only this run's banner counts */
-    f.run_pid = spawn_lhsim(args, NULL, f.run_out, f.run_err);
-}
-
-static struct ipc_client *connect_client(void)
-{
-    struct ipc_client *client = NULL;
-    long long start = now_ms();
-
-    while (ipc_client_open(f.socket, &client) != 0) {
-        if (waitpid(f.run_pid, NULL, WNOHANG) == f.run_pid) {
-            f.run_pid = 0;
-            fail_msg("lhsim run ended: %s", file_text(f.run_err));
+        while (ipc_client_open(socket_.c_str(), &client) != 0) {
+            if (run_.ended()) {
+                ADD_FAILURE() << "lhsim run ended: " << text_of(run_err_);
+                return nullptr;
+            }
+            if (now_ms() - start > kStartTimeoutMs) {
+                ADD_FAILURE() << "no daemon socket at " << socket_;
+                return nullptr;
+            }
+            usleep(20000);
         }
-        if (now_ms() - start > START_TIMEOUT_MS)
-            fail_msg("no daemon socket at %s", f.socket);
-        usleep(20000);
+        return ClientPtr(client);
     }
-    return client;
-}
 
-/* The daemon on the board in f.dir, up with its pipes reported. */
-static void start_daemon(void)
-{
-    const char *const args[] = {"run", "--dir",         f.dir,
-                                "--",  PELLIN_MGR_PATH, NULL};
-    int before = count_in(f.log, "Informational - traffic pipe 0 is ");
+    /* The daemon on the board in dir_, up with its pipes reported. */
+    void start_daemon()
+    {
+        const int before =
+            count_in(log_.c_str(), "Informational - traffic pipe 0 is ");
 
-    start_run(args);
-    ipc_client_close(connect_client());
-    wait_for_count(f.log, "Informational - traffic pipe 0 is ", before + 1);
-}
+        start_run({"run", "--dir", dir_, "--", PELLIN_MGR_PATH});
+        ASSERT_TRUE(connect_client() != nullptr);
+        ASSERT_NO_FATAL_FAILURE(wait_for_count(
+            log_, "Informational - traffic pipe 0 is ", before + 1));
+    }
 
-static int stop_run(void)
-{
-    int status = 0;
+    /* SIGINT, as a terminal sends it; the run's exit code, -1 when it did
+     * not end by itself. */
+    int stop_run()
+    {
+        int status = 0;
 
-    assert_int_equal(kill(f.run_pid, SIGINT), 0);
-    assert_int_equal(sim_wait(f.run_pid, STOP_TIMEOUT_MS, &status), 0);
-    f.run_pid = 0;
-    if (!WIFEXITED(status))
-        fail_msg("lhsim run ended by signal %d", WTERMSIG(status));
-    return WEXITSTATUS(status);
-}
+        EXPECT_EQ(run_.signal(SIGINT), 0);
+        if (!run_.wait(kStopTimeoutMs, &status)) {
+            ADD_FAILURE() << "lhsim run killed after " << kStopTimeoutMs
+                          << " ms";
+            return -1;
+        }
+        EXPECT_TRUE(WIFEXITED(status))
+            << "lhsim run ended by signal " << WTERMSIG(status);
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
 
-static void assert_nothing_mounted(const char *dir)
-{
-    char *mounts = file_text("/proc/self/mountinfo");
+    /* A counter of a block's statistics record, from the daemon. */
+    std::optional<uint64_t> daemon_counter(uint32_t module, uint32_t pipe,
+                                           size_t index) const
+    {
+        std::vector<uint8_t> record = daemon_stats(socket_, module, pipe);
+        uint64_t value = 0;
 
-    if (strstr(mounts, dir) != NULL)
-        fail_msg("%s is still mounted: %s", dir, mounts);
-    free(mounts);
-}
+        EXPECT_GE(record.size(), 8 * (index + 1))
+            << "module " << module << " pipe " << pipe;
+        if (record.size() < 8 * (index + 1))
+            return std::nullopt;
+        memcpy(&value, record.data() + 8 * index, sizeof(value));
+        return value;
+    }
 
-static int count_dumps(void)
-{
-    char logs[sizeof(f.dir) + 32];
-    struct dirent *entry;
-    int count = 0;
-    DIR *d;
+    void wait_counter_nonzero(uint32_t module, uint32_t pipe, size_t index)
+    {
+        long long start = now_ms();
+        std::optional<uint64_t> value;
 
-    snprintf(logs, sizeof(logs), "%s/opt/platform/logs", f.dir);
-    d = opendir(logs);
-    assert_non_null(d);
-    while ((entry = readdir(d)) != NULL)
-        count += strncmp(entry->d_name, DUMP_PREFIX, strlen(DUMP_PREFIX)) == 0;
-    closedir(d);
-    return count;
-}
+        while ((value = daemon_counter(module, pipe, index)) == 0u) {
+            if (now_ms() - start > kLogTimeoutMs)
+                FAIL() << format_text("counter %zu of module %u pipe %u "
+                                      "stayed 0",
+                                      index, module, pipe);
+            usleep(50000);
+        }
+        ASSERT_TRUE(value.has_value());
+    }
 
-static int is_empty_dir(const char *path)
-{
-    DIR *d = opendir(path);
-    struct dirent *entry;
-    int empty = 1;
+    /* The board root "lhsim run" names in its banner. */
+    std::string wait_banner() const
+    {
+        long long start = now_ms();
+        std::string text;
+        size_t at, end;
 
-    assert_non_null(d);
-    while ((entry = readdir(d)) != NULL)
-        if (strcmp(entry->d_name, ".") != 0 && strcmp(entry->d_name, "..") != 0)
-            empty = 0;
-    closedir(d);
-    return empty;
-}
+        while ((at = (text = text_of(run_err_)).find(" board in ")) ==
+                   std::string::npos ||
+               (end = text.find("; socket ", at)) == std::string::npos) {
+            if (now_ms() - start > kStartTimeoutMs) {
+                ADD_FAILURE() << "no banner from lhsim run";
+                return "";
+            }
+            usleep(20000);
+        }
+        at += strlen(" board in ");
+        return text.substr(at, end - at);
+    }
+};
 
 /* --- Without a daemon ------------------------------------------------- */
 
-static void test_errors_lists_caui_in_test_order(void **state)
+TEST_F(Lhsim, ErrorsListsCauiInTestOrder)
 {
     static const char expected[] =
         "0x0800  9 TX Buffer FIFO Underflow\n"
@@ -278,88 +342,81 @@ static void test_errors_lists_caui_in_test_order(void **state)
         "0x0800  2 CAUI IP TX Overflow\n"
         "0x0800  1 CAUI IP TX Underflow\n";
 
-    (void)state;
-    assert_int_equal(LHSIM("errors", "caui"), 0);
-    assert_string_equal(f.out_text, expected);
-    assert_int_equal(LHSIM("errors", "3"), 0);
-    assert_string_equal(f.out_text, expected);
-    assert_int_equal(LHSIM("errors", "nosuch"), 2);
-    assert_err_has("no module \"nosuch\"");
-    assert_int_equal(LHSIM("errors", "15"), 2);
+    ASSERT_EQ(lhsim({"errors", "caui"}), 0);
+    EXPECT_EQ(out_text_, expected);
+    ASSERT_EQ(lhsim({"errors", "3"}), 0);
+    EXPECT_EQ(out_text_, expected);
+    ASSERT_EQ(lhsim({"errors", "nosuch"}), 2);
+    expect_err_has("no module \"nosuch\"");
+    EXPECT_EQ(lhsim({"errors", "15"}), 2);
 }
 
-static void test_usage_errors_exit_2(void **state)
+TEST_F(Lhsim, UsageErrorsExit2)
 {
-    static const char *const cases[][8] = {
-        {NULL},
-        {"bogus", NULL},
-        {"create", NULL},
-        {"create", "--board", "base3", "DIR", NULL},
-        {"create", "DIR", "extra", NULL},
-        {"run", "--dir", "DIR", NULL},
-        {"run", "--speed", "--", "/bin/true", NULL},
-        {"shell", NULL},
-        {"destroy", "DIR", "extra", NULL},
-        {"fatal", "DIR", "caui", "1", NULL},
-        {"fatal", "DIR", "caui", "1", "--bit", "32", NULL},
-        {"fatal", "DIR", "caui", "one", "--bit", "9", NULL},
-        {"fatal", "DIR", "caui", "1", "--bit", "9", "text", NULL},
-        {"clear-fatal", "DIR", "caui", NULL},
-        {"link", "DIR", "1", "sideways", NULL},
-        {"link", "DIR", "-1", "up", NULL},
-        {"counter", "DIR", "caui", "0", "1", NULL},
-        {"counter", "DIR", "caui", "0", "1", "lots", NULL},
-        {"peek", "DIR", NULL},
-        {"peek", "DIR", "0x1g", NULL},
-        {"poke", "DIR", "0", NULL},
-        {"poke", "DIR", "0", "0x100000000", NULL},
-        {"errors", NULL},
+    const Args cases[] = {
+        {},
+        {"bogus"},
+        {"create"},
+        {"create", "--board", "base3", "DIR"},
+        {"create", "DIR", "extra"},
+        {"run", "--dir", "DIR"},
+        {"run", "--speed", "--", "/bin/true"},
+        {"shell"},
+        {"destroy", "DIR", "extra"},
+        {"fatal", "DIR", "caui", "1"},
+        {"fatal", "DIR", "caui", "1", "--bit", "32"},
+        {"fatal", "DIR", "caui", "one", "--bit", "9"},
+        {"fatal", "DIR", "caui", "1", "--bit", "9", "text"},
+        {"clear-fatal", "DIR", "caui"},
+        {"link", "DIR", "1", "sideways"},
+        {"link", "DIR", "-1", "up"},
+        {"counter", "DIR", "caui", "0", "1"},
+        {"counter", "DIR", "caui", "0", "1", "lots"},
+        {"peek", "DIR"},
+        {"peek", "DIR", "0x1g"},
+        {"poke", "DIR", "0"},
+        {"poke", "DIR", "0", "0x100000000"},
+        {"errors"},
     };
 
-    (void)state;
-    for (size_t i = 0; i < ARRAY_COUNT(cases); i++) {
-        const char *args[9] = {NULL};
+    for (size_t i = 0; i < std::size(cases); i++) {
+        const Args args = with_dir(cases[i], dir_);
 
-        for (size_t j = 0; cases[i][j] != NULL; j++)
-            args[j] = strcmp(cases[i][j], "DIR") == 0 ? f.dir : cases[i][j];
-        if (lhsim_with_input(NULL, args) != 2)
-            fail_msg("case %zu (%s) did not exit 2", i,
-                     args[0] ? args[0] : "none");
-        assert_err_has("usage: lhsim ");
+        EXPECT_EQ(lhsim_with_input("", args), 2)
+            << format_text("case %zu (%s) did not exit 2", i,
+                           args.empty() ? "none" : args[0].c_str());
+        expect_err_has("usage: lhsim ");
     }
 }
 
 /* Every command on a board directory says so when there is none. */
-static void test_missing_or_non_board_dir_exits_1(void **state)
+TEST_F(Lhsim, MissingOrNonBoardDirExits1)
 {
-    static const char *const cases[][6] = {
-        {"shell", "DIR", NULL},
-        {"destroy", "DIR", NULL},
+    const Args cases[] = {
+        {"shell", "DIR"},
+        {"destroy", "DIR"},
         {"fatal", "DIR", "caui", "0", "--bit", "9"},
-        {"clear-fatal", "DIR", "caui", "0", NULL},
-        {"link", "DIR", "0", "down", NULL},
+        {"clear-fatal", "DIR", "caui", "0"},
+        {"link", "DIR", "0", "down"},
         {"counter", "DIR", "caui", "0", "0", "1"},
-        {"peek", "DIR", "0", NULL},
-        {"poke", "DIR", "0", "1", NULL},
+        {"peek", "DIR", "0"},
+        {"poke", "DIR", "0", "1"},
     };
-    char missing[PATH_MAX + 16];
+    const std::string missing = parent_.file("none");
 
-    (void)state;
-    snprintf(missing, sizeof(missing), "%s/none", f.parent);
-    for (size_t i = 0; i < ARRAY_COUNT(cases); i++) {
-        const char *args[7] = {NULL};
+    for (const Args &row : cases) {
+        SCOPED_TRACE("lhsim " + row[0]);
+        Args args = with_dir(row, parent_.path());
 
-        for (size_t j = 0; j < 6 && cases[i][j] != NULL; j++)
-            args[j] = strcmp(cases[i][j], "DIR") == 0 ? f.parent : cases[i][j];
-        assert_int_equal(lhsim_with_input(NULL, args), 1);
-        assert_err_has(": not a simulated board");
+        EXPECT_EQ(lhsim_with_input("", args), 1);
+        expect_err_has(": not a simulated board");
         args[1] = missing;
-        assert_int_equal(lhsim_with_input(NULL, args), 1);
-        assert_err_has(": no such directory");
+        EXPECT_EQ(lhsim_with_input("", args), 1);
+        expect_err_has(": no such directory");
     }
 }
 
-static void test_create_and_destroy_leave_nothing(void **state)
+TEST_F(Lhsim, CreateAndDestroyLeaveNothing)
 {
     static const struct {
         const char *kind;
@@ -370,120 +427,111 @@ static void test_create_and_destroy_leave_nothing(void **state)
         {"base1", "resource0", "0x01d7"},
         {"lhx", "resource2", "0x01d9"},
     };
-    char path[PATH_MAX * 2];
 
-    (void)state;
-    for (size_t i = 0; i < ARRAY_COUNT(kinds); i++) {
-        create_board(kinds[i].kind);
-        assert_non_null(strstr(f.out_text, kinds[i].kind));
-        assert_non_null(strstr(f.out_text, "/run/ipc/219.sock"));
-        snprintf(path, sizeof(path), "%s/sys/0000:03:00.0/%s", f.dir,
-                 kinds[i].window);
-        assert_int_equal(access(path, R_OK | W_OK), 0);
-        snprintf(path, sizeof(path), "%s/sys/0000:03:00.0/device", f.dir);
-        assert_int_equal(count_in(path, kinds[i].device), 1);
-        assert_int_equal(LHSIM("create", f.dir), 1); /* not empty now */
-        assert_int_equal(LHSIM("destroy", f.dir), 0);
-        assert_int_equal(access(f.dir, F_OK), -1);
+    for (const auto &k : kinds) {
+        SCOPED_TRACE(k.kind);
+        ASSERT_NO_FATAL_FAILURE(create_board(k.kind));
+        EXPECT_NE(out_text_.find(k.kind), std::string::npos) << out_text_;
+        EXPECT_NE(out_text_.find("/run/ipc/219.sock"), std::string::npos)
+            << out_text_;
+        const std::string window =
+            dir_ + "/sys/0000:03:00.0/" + std::string(k.window);
+        EXPECT_EQ(access(window.c_str(), R_OK | W_OK), 0) << window;
+        const std::string device = dir_ + "/sys/0000:03:00.0/device";
+        EXPECT_EQ(count_in(device.c_str(), k.device), 1);
+        EXPECT_EQ(lhsim({"create", dir_}), 1); /* not empty now */
+        ASSERT_EQ(lhsim({"destroy", dir_}), 0) << err_text_;
+        EXPECT_EQ(access(dir_.c_str(), F_OK), -1);
     }
-    unlink(f.out);
-    unlink(f.err);
-    assert_true(is_empty_dir(f.parent));
+    unlink(out_.c_str());
+    unlink(err_.c_str());
+    EXPECT_TRUE(is_empty_dir(parent_.path()));
 }
 
-static void test_peek_and_poke_any_word(void **state)
+TEST_F(Lhsim, PeekAndPokeAnyWord)
 {
-    (void)state;
-    create_board("base2");
-    assert_int_equal(peek("0x000"), 0x00010203);
-    assert_int_equal(peek("0x10"), 0x24031510);
-    assert_int_equal(peek("0x2A100"), 0xDEADBEEF); /* no block there */
-    assert_int_equal(peek("0x3fffc"), 0xDEADBEEF);
-    assert_int_equal(LHSIM("poke", f.dir, "0x2A0FC", "0x12345678"), 0);
-    assert_int_equal(peek("0x2A0FC"), 0x12345678);
-    assert_int_equal(LHSIM("poke", f.dir, "4", "305419896"), 0);
-    assert_int_equal(peek("4"), 305419896);
-    assert_int_equal(LHSIM("peek", f.dir, "0x2"), 2);
-    assert_int_equal(LHSIM("peek", f.dir, "0x40000"), 2);
-    assert_err_has("not a word of the 0x40000-byte window");
-    assert_int_equal(LHSIM("destroy", f.dir), 0);
-    create_board("lhx");
-    assert_int_equal(peek("0"), 0x00010203);
-    assert_int_equal(peek("0x1fffc"), 0xDEADBEEF);
-    assert_int_equal(LHSIM("poke", f.dir, "0x20000", "1"), 2);
+    ASSERT_NO_FATAL_FAILURE(create_board("base2"));
+    EXPECT_EQ(peek("0x000"), 0x00010203u);
+    EXPECT_EQ(peek("0x10"), 0x24031510u);
+    EXPECT_EQ(peek("0x2A100"), 0xDEADBEEFu); /* no block there */
+    EXPECT_EQ(peek("0x3fffc"), 0xDEADBEEFu);
+    ASSERT_EQ(lhsim({"poke", dir_, "0x2A0FC", "0x12345678"}), 0);
+    EXPECT_EQ(peek("0x2A0FC"), 0x12345678u);
+    ASSERT_EQ(lhsim({"poke", dir_, "4", "305419896"}), 0);
+    EXPECT_EQ(peek("4"), 305419896u);
+    EXPECT_EQ(lhsim({"peek", dir_, "0x2"}), 2);
+    EXPECT_EQ(lhsim({"peek", dir_, "0x40000"}), 2);
+    expect_err_has("not a word of the 0x40000-byte window");
+    ASSERT_EQ(lhsim({"destroy", dir_}), 0);
+    ASSERT_NO_FATAL_FAILURE(create_board("lhx"));
+    EXPECT_EQ(peek("0"), 0x00010203u);
+    EXPECT_EQ(peek("0x1fffc"), 0xDEADBEEFu);
+    EXPECT_EQ(lhsim({"poke", dir_, "0x20000", "1"}), 2);
 }
 
 /* Each injection sets exactly the register and bit the driver tests. */
-static void test_injections_land_where_the_driver_looks(void **state)
+TEST_F(Lhsim, InjectionsLandWhereTheDriverLooks)
 {
-    (void)state;
-    create_board("base2");
-    assert_int_equal(
-        LHSIM("fatal", f.dir, "caui", "1", "TX Buffer FIFO Underflow"), 0);
-    assert_string_equal(f.out_text, "CAUI pipe 1: 0x20800 bit 9 set (TX "
-                                    "Buffer FIFO Underflow)\n");
-    assert_int_equal(peek("0x20800"), 1u << 9);
-    assert_int_equal(LHSIM("clear-fatal", f.dir, "caui", "1"), 0);
-    assert_int_equal(peek("0x20800"), 0);
+    ASSERT_NO_FATAL_FAILURE(create_board("base2"));
+    ASSERT_EQ(lhsim({"fatal", dir_, "caui", "1", "TX Buffer FIFO Underflow"}),
+              0);
+    EXPECT_EQ(out_text_, "CAUI pipe 1: 0x20800 bit 9 set (TX "
+                         "Buffer FIFO Underflow)\n");
+    EXPECT_EQ(peek("0x20800"), 1u << 9);
+    ASSERT_EQ(lhsim({"clear-fatal", dir_, "caui", "1"}), 0);
+    EXPECT_EQ(peek("0x20800"), 0u);
     /* A repeated text takes its first row; --bit picks exactly. */
-    assert_int_equal(LHSIM("fatal", f.dir, "ingress-pkt-classifier", "0",
-                           "Reorder FIFO Underflow"),
-                     0);
-    assert_int_equal(peek("0x17700"), 1u << 6);
-    assert_int_equal(LHSIM("fatal", f.dir, "6", "0", "--bit", "0x700:4"), 0);
-    assert_int_equal(peek("0x17700"), 1u << 6 | 1u << 4);
-    assert_int_equal(LHSIM("fatal", f.dir, "6", "0", "--bit", "4"), 2);
-    assert_err_has("bit 4 is in more than one register: 0x0 0x200 0x700");
-    assert_int_equal(LHSIM("clear-fatal", f.dir, "6", "0"), 0);
-    assert_int_equal(peek("0x17700"), 0);
-    assert_int_equal(LHSIM("fatal", f.dir, "global", "0", "--bit", "1"), 2);
-    assert_err_has("bit 1 is in more than one register: 0x100 0x140 0x180");
-    assert_int_equal(LHSIM("fatal", f.dir, "global", "0", "--bit", "0x140:1"),
-                     0);
-    assert_int_equal(peek("0x140"), 1u << 1);
+    ASSERT_EQ(lhsim({"fatal", dir_, "ingress-pkt-classifier", "0",
+                     "Reorder FIFO Underflow"}),
+              0);
+    EXPECT_EQ(peek("0x17700"), 1u << 6);
+    ASSERT_EQ(lhsim({"fatal", dir_, "6", "0", "--bit", "0x700:4"}), 0);
+    EXPECT_EQ(peek("0x17700"), 1u << 6 | 1u << 4);
+    EXPECT_EQ(lhsim({"fatal", dir_, "6", "0", "--bit", "4"}), 2);
+    expect_err_has("bit 4 is in more than one register: 0x0 0x200 0x700");
+    ASSERT_EQ(lhsim({"clear-fatal", dir_, "6", "0"}), 0);
+    EXPECT_EQ(peek("0x17700"), 0u);
+    EXPECT_EQ(lhsim({"fatal", dir_, "global", "0", "--bit", "1"}), 2);
+    expect_err_has("bit 1 is in more than one register: 0x100 0x140 0x180");
+    ASSERT_EQ(lhsim({"fatal", dir_, "global", "0", "--bit", "0x140:1"}), 0);
+    EXPECT_EQ(peek("0x140"), 1u << 1);
     /* The link: bit 24 of the CAUI port status. */
-    assert_int_equal(LHSIM("link", f.dir, "1", "down"), 0);
-    assert_int_equal(peek("0x20824"), 0);
-    assert_int_equal(LHSIM("link", f.dir, "1", "up"), 0);
-    assert_int_equal(peek("0x20824"), 1u << 24);
+    ASSERT_EQ(lhsim({"link", dir_, "1", "down"}), 0);
+    EXPECT_EQ(peek("0x20824"), 0u);
+    ASSERT_EQ(lhsim({"link", dir_, "1", "up"}), 0);
+    EXPECT_EQ(peek("0x20824"), 1u << 24);
     /* MAC counters: low word first; wrapper counters: high word first. */
-    assert_int_equal(LHSIM("counter", f.dir, "caui", "0", "0", "0x500000009"),
-                     0);
-    assert_int_equal(peek("0x10500"), 9);
-    assert_int_equal(peek("0x10504"), 5);
-    assert_int_equal(LHSIM("counter", f.dir, "caui", "1", "25", "0x300000007"),
-                     0);
-    assert_int_equal(peek("0x20850"), 3);
-    assert_int_equal(peek("0x20854"), 7);
-    assert_int_equal(LHSIM("counter", f.dir, "caui", "1", "26", "0xffffffff"),
-                     0);
-    assert_int_equal(peek("0x20858"), 0xffffffff);
+    ASSERT_EQ(lhsim({"counter", dir_, "caui", "0", "0", "0x500000009"}), 0);
+    EXPECT_EQ(peek("0x10500"), 9u);
+    EXPECT_EQ(peek("0x10504"), 5u);
+    ASSERT_EQ(lhsim({"counter", dir_, "caui", "1", "25", "0x300000007"}), 0);
+    EXPECT_EQ(peek("0x20850"), 3u);
+    EXPECT_EQ(peek("0x20854"), 7u);
+    ASSERT_EQ(lhsim({"counter", dir_, "caui", "1", "26", "0xffffffff"}), 0);
+    EXPECT_EQ(peek("0x20858"), 0xffffffffu);
 }
 
-static void test_eth_on_lhx(void **state)
+TEST_F(Lhsim, EthOnLhx)
 {
-    (void)state;
-    create_board("lhx");
-    assert_int_equal(LHSIM("link", f.dir, "0", "down"), 0);
-    assert_string_equal(f.out_text,
-                        "Eth pipe 0: link down (0x11024 bit 3 clear)\n");
-    assert_int_equal(peek("0x11024"), 0);
-    assert_int_equal(LHSIM("link", f.dir, "0", "up"), 0);
-    assert_int_equal(peek("0x11024"), 1u << 3);
-    assert_int_equal(LHSIM("fatal", f.dir, "eth", "0", "--bit", "0"), 0);
-    assert_int_equal(peek("0x11000"), 1);
-    assert_int_equal(LHSIM("counter", f.dir, "eth", "0", "68", "0x100000002"),
-                     0);
-    assert_int_equal(peek("0x11050"), 1);
-    assert_int_equal(peek("0x11054"), 2);
+    ASSERT_NO_FATAL_FAILURE(create_board("lhx"));
+    ASSERT_EQ(lhsim({"link", dir_, "0", "down"}), 0);
+    EXPECT_EQ(out_text_, "Eth pipe 0: link down (0x11024 bit 3 clear)\n");
+    EXPECT_EQ(peek("0x11024"), 0u);
+    ASSERT_EQ(lhsim({"link", dir_, "0", "up"}), 0);
+    EXPECT_EQ(peek("0x11024"), 1u << 3);
+    ASSERT_EQ(lhsim({"fatal", dir_, "eth", "0", "--bit", "0"}), 0);
+    EXPECT_EQ(peek("0x11000"), 1u);
+    ASSERT_EQ(lhsim({"counter", dir_, "eth", "0", "68", "0x100000002"}), 0);
+    EXPECT_EQ(peek("0x11050"), 1u);
+    EXPECT_EQ(peek("0x11054"), 2u);
 }
 
 /* Targets the board does not have are refused, exit 2, nothing written. */
-static void test_targets_the_board_lacks_are_refused(void **state)
+TEST_F(Lhsim, TargetsTheBoardLacksAreRefused)
 {
-    static const struct {
+    const struct {
         const char *kind;
-        const char *args[7];
+        Args args;
         const char *message;
     } cases[] = {
         {"lhx",
@@ -514,290 +562,242 @@ static void test_targets_the_board_lacks_are_refused(void **state)
         {"base2", {"clear-fatal", "DIR", "nosuch", "0"}, "no module"},
     };
 
-    (void)state;
-    for (size_t i = 0; i < ARRAY_COUNT(cases); i++) {
-        const char *args[8] = {NULL};
-
-        create_board(cases[i].kind);
-        for (size_t j = 0; cases[i].args[j] != NULL; j++)
-            args[j] =
-                strcmp(cases[i].args[j], "DIR") == 0 ? f.dir : cases[i].args[j];
-        if (lhsim_with_input(NULL, args) != 2)
-            fail_msg("case %zu did not exit 2", i);
-        assert_err_has(cases[i].message);
-        assert_int_equal(LHSIM("destroy", f.dir), 0);
+    for (size_t i = 0; i < std::size(cases); i++) {
+        SCOPED_TRACE(format_text("case %zu", i));
+        ASSERT_NO_FATAL_FAILURE(create_board(cases[i].kind));
+        EXPECT_EQ(lhsim_with_input("", with_dir(cases[i].args, dir_)), 2)
+            << format_text("case %zu did not exit 2", i);
+        expect_err_has(cases[i].message);
+        ASSERT_EQ(lhsim({"destroy", dir_}), 0);
     }
 }
 
-static void test_shell_runs_in_the_sandbox(void **state)
+TEST_F(LhsimSandboxed, ShellRunsInTheSandbox)
 {
-    char input[PATH_MAX + 16];
-    FILE *script;
+    const std::string input = parent_.file("script");
+    FILE *script = fopen(input.c_str(), "w");
 
-    (void)state;
-    create_board("lhx");
-    snprintf(input, sizeof(input), "%s/script", f.parent);
-    script = fopen(input, "w");
-    assert_non_null(script);
+    ASSERT_NE(script, nullptr) << input;
     fputs("cat /sys/bus/pci/devices/0000:03:00.0/device\n"
           "ls /opt/orvel\n"
           "exit 7\n",
           script);
     fclose(script);
-    setenv("SHELL", "/bin/sh", 1);
-    assert_int_equal(
-        lhsim_with_input(input, (const char *const[]){"shell", f.dir, NULL}),
-        7);
-    assert_string_equal(f.out_text, "0x01d9\nplatform\n");
-    assert_nothing_mounted(f.dir);
+    ASSERT_NO_FATAL_FAILURE(create_board("lhx"));
+    ScopedEnv shell("SHELL", "/bin/sh");
+    EXPECT_EQ(lhsim_with_input(input, {"shell", dir_}), 7) << err_text_;
+    EXPECT_EQ(out_text_, "0x01d9\nplatform\n");
+    expect_nothing_mounted(dir_);
 }
 
 /* --- With the daemon -------------------------------------------------- */
 
-static void test_fatal_error_reaches_the_daemon(void **state)
+TEST_F(LhsimSandboxed, FatalErrorReachesTheDaemon)
 {
-    (void)state;
-    create_board("base2");
-    start_daemon();
-    assert_int_equal(
-        LHSIM("fatal", f.dir, "caui", "1", "TX Buffer FIFO Underflow"), 0);
-    wait_for_text(f.log, ": FATAL - Pellin FAILED\n", LOG_TIMEOUT_MS);
-    assert_int_equal(
-        count_in(f.log, ": FATAL - CAUI pipe 1: TX Buffer FIFO Underflow\n"),
-        1);
-    assert_int_equal(count_in(f.log, ": NPU fatal error handler: caui pipe 1 "
+    ASSERT_NO_FATAL_FAILURE(create_board("base2"));
+    ASSERT_NO_FATAL_FAILURE(start_daemon());
+    ASSERT_EQ(lhsim({"fatal", dir_, "caui", "1", "TX Buffer FIFO Underflow"}),
+              0);
+    wait_for_text(log_.c_str(), ": FATAL - Pellin FAILED\n", kLogTimeoutMs);
+    EXPECT_EQ(count_in(log_.c_str(),
+                       ": FATAL - CAUI pipe 1: TX Buffer FIFO Underflow\n"),
+              1);
+    EXPECT_EQ(count_in(log_.c_str(), ": NPU fatal error handler: caui pipe 1 "
                                      "(TX Buffer FIFO Underflow)\n"),
-                     1);
-    assert_int_equal(count_dumps(), 1);
+              1);
+    EXPECT_EQ(count_dumps(), 1);
     /* Another block, by bit. */
-    assert_int_equal(
-        LHSIM("fatal", f.dir, "ingress-pkt-parser", "0", "--bit", "16"), 0);
-    wait_for_text(f.log,
+    ASSERT_EQ(
+        lhsim({"fatal", dir_, "ingress-pkt-parser", "0", "--bit", "16"}), 0);
+    wait_for_text(log_.c_str(),
                   ": NPU fatal error handler: ingress-pkt-parser pipe 0 "
                   "(Meta Data FIFO Parity Error)\n",
-                  LOG_TIMEOUT_MS);
-    assert_int_equal(count_in(f.log, "Pellin FAILED"), 1);
+                  kLogTimeoutMs);
+    EXPECT_EQ(count_in(log_.c_str(), "Pellin FAILED"), 1);
     /* lhsim run streamed the log as it grew. */
-    wait_for_text(f.run_out, ": FATAL - Pellin FAILED\n", LOG_TIMEOUT_MS);
-    assert_int_equal(LHSIM("destroy", f.dir), 1);
-    assert_err_has("a daemon is serving");
+    wait_for_text(run_out_.c_str(), ": FATAL - Pellin FAILED\n",
+                  kLogTimeoutMs);
+    EXPECT_EQ(lhsim({"destroy", dir_}), 1);
+    expect_err_has("a daemon is serving");
     stop_run();
-    assert_nothing_mounted(f.dir);
-    assert_int_equal(access(f.dir, F_OK), 0); /* made by create: it stays */
+    expect_nothing_mounted(dir_);
+    EXPECT_EQ(access(dir_.c_str(), F_OK), 0); /* made by create: it stays */
 }
 
 /* After clear-fatal, a later daemon on the same board sees it healthy. */
-static void test_cleared_board_is_healthy_for_a_later_daemon(void **state)
+TEST_F(LhsimSandboxed, ClearedBoardIsHealthyForALaterDaemon)
 {
-    (void)state;
-    create_board("base2");
-    assert_int_equal(LHSIM("fatal", f.dir, "caui", "0", "--bit", "5"), 0);
-    start_daemon();
-    wait_for_text(f.log, ": FATAL - Pellin FAILED\n", LOG_TIMEOUT_MS);
+    ASSERT_NO_FATAL_FAILURE(create_board("base2"));
+    ASSERT_EQ(lhsim({"fatal", dir_, "caui", "0", "--bit", "5"}), 0);
+    ASSERT_NO_FATAL_FAILURE(start_daemon());
+    wait_for_text(log_.c_str(), ": FATAL - Pellin FAILED\n", kLogTimeoutMs);
     stop_run();
-    assert_int_equal(LHSIM("clear-fatal", f.dir, "caui", "0"), 0);
-    start_daemon();
+    ASSERT_EQ(lhsim({"clear-fatal", dir_, "caui", "0"}), 0);
+    ASSERT_NO_FATAL_FAILURE(start_daemon());
     usleep(1500000); /* three poll cycles */
-    assert_int_equal(count_in(f.log, "FATAL"), 2);
-    assert_int_equal(count_in(f.log, "Informational - traffic pipe 0 is UP"),
-                     2);
-    assert_int_equal(count_dumps(), 1);
+    EXPECT_EQ(count_in(log_.c_str(), "FATAL"), 2);
+    EXPECT_EQ(count_in(log_.c_str(), "Informational - traffic pipe 0 is UP"),
+              2);
+    EXPECT_EQ(count_dumps(), 1);
     stop_run();
-    assert_int_equal(LHSIM("destroy", f.dir), 0);
-    assert_int_equal(access(f.dir, F_OK), -1);
+    ASSERT_EQ(lhsim({"destroy", dir_}), 0);
+    EXPECT_EQ(access(dir_.c_str(), F_OK), -1);
 }
 
-static void test_link_change_is_seen_by_the_daemon_poll(void **state)
+TEST_F(LhsimSandboxed, LinkChangeIsSeenByTheDaemonPoll)
 {
-    (void)state;
-    create_board("base2");
-    start_daemon();
-    assert_int_equal(LHSIM("link", f.dir, "1", "down"), 0);
-    wait_for_text(f.log, ": Informational - traffic pipe 1 changed to DOWN\n",
-                  LOG_TIMEOUT_MS);
-    assert_int_equal(LHSIM("link", f.dir, "1", "up"), 0);
-    wait_for_text(f.log, ": Informational - traffic pipe 1 changed to UP\n",
-                  LOG_TIMEOUT_MS);
-    assert_int_equal(count_in(f.log, "traffic pipe 0 changed"), 0);
-}
-
-/* The statistics record of a block, from the daemon (op 0xdb0006). */
-static uint64_t daemon_counter(uint32_t module, uint32_t pipe, size_t index)
-{
-    const uint32_t words[4] = {module, pipe, 0, 0};
-    ipc_msg_t request = {
-        .op_id = 0xdb0006,
-        .msg_type = 1,
-        .payload_len = sizeof(words),
-        .payload = (void *)words,
-    };
-    ipc_msg_t reply;
-    struct ipc_client *client = connect_client();
-    uint64_t value;
-
-    assert_int_equal(ipc_client_send(client, &request), 0);
-    assert_int_equal(ipc_client_recv(client, &reply, REPLY_TIMEOUT_MS), 0);
-    ipc_client_close(client);
-    assert_int_equal(reply.op_id, 0xdb0006);
-    assert_true(reply.payload_len >= 16 + 8 * (index + 1));
-    memcpy(&value, (uint8_t *)reply.payload + 16 + 8 * index, sizeof(value));
-    free(reply.payload);
-    return value;
-}
-
-static void wait_counter_nonzero(uint32_t module, uint32_t pipe, size_t index)
-{
-    long long start = now_ms();
-
-    while (daemon_counter(module, pipe, index) == 0) {
-        if (now_ms() - start > LOG_TIMEOUT_MS)
-            fail_msg("counter %zu of module %u pipe %u stayed 0", index, module,
-                     pipe);
-        usleep(50000);
-    }
+    ASSERT_NO_FATAL_FAILURE(create_board("base2"));
+    ASSERT_NO_FATAL_FAILURE(start_daemon());
+    ASSERT_EQ(lhsim({"link", dir_, "1", "down"}), 0);
+    wait_for_text(log_.c_str(),
+                  ": Informational - traffic pipe 1 changed to DOWN\n",
+                  kLogTimeoutMs);
+    ASSERT_EQ(lhsim({"link", dir_, "1", "up"}), 0);
+    wait_for_text(log_.c_str(),
+                  ": Informational - traffic pipe 1 changed to UP\n",
+                  kLogTimeoutMs);
+    EXPECT_EQ(count_in(log_.c_str(), "traffic pipe 0 changed"), 0);
 }
 
 /* The window's counters are counts since the last snapshot and reads have
- * no side effect, so every poll adds VALUE again (host.md 4): the daemon's
- * sum is a whole multiple of it, which only the right high/low split
- * gives. The value is written while the link is down, when the driver
- * reads no counter, so that no poll sees half of it. */
-static void test_counter_reaches_the_daemon_statistics(void **state)
+ * no side effect, so every poll adds VALUE again: the daemon's sum is a
+ * whole multiple of it, which only the right high/low split gives. The
+ * value is written while the link is down, when the driver reads no
+ * counter, so that no poll sees half of it. */
+TEST_F(LhsimSandboxed, CounterReachesTheDaemonStatistics)
 {
     const uint64_t value = 0x300000007ull;
-    uint64_t sum;
 
-    (void)state;
-    create_board("base2");
-    start_daemon();
-    assert_int_equal(daemon_counter(3, 1, 25), 0);
-    assert_int_equal(LHSIM("link", f.dir, "1", "down"), 0);
-    wait_for_text(f.log, "traffic pipe 1 changed to DOWN\n", LOG_TIMEOUT_MS);
-    assert_int_equal(LHSIM("counter", f.dir, "caui", "1", "25", "0x300000007"),
-                     0);
-    assert_int_equal(LHSIM("link", f.dir, "1", "up"), 0);
-    wait_counter_nonzero(3, 1, 25);
-    assert_int_equal(LHSIM("link", f.dir, "1", "down"), 0);
-    wait_for_count(f.log, "traffic pipe 1 changed to DOWN\n", 2);
-    sum = daemon_counter(3, 1, 25);
-    assert_int_equal(sum % value, 0);
-    assert_true(sum / value >= 1 && sum / value < 100);
-    assert_int_equal(daemon_counter(3, 0, 25), 0);
+    ASSERT_NO_FATAL_FAILURE(create_board("base2"));
+    ASSERT_NO_FATAL_FAILURE(start_daemon());
+    ASSERT_EQ(daemon_counter(3, 1, 25), 0u);
+    ASSERT_EQ(lhsim({"link", dir_, "1", "down"}), 0);
+    wait_for_text(log_.c_str(), "traffic pipe 1 changed to DOWN\n",
+                  kLogTimeoutMs);
+    ASSERT_EQ(lhsim({"counter", dir_, "caui", "1", "25", "0x300000007"}), 0);
+    ASSERT_EQ(lhsim({"link", dir_, "1", "up"}), 0);
+    ASSERT_NO_FATAL_FAILURE(wait_counter_nonzero(3, 1, 25));
+    ASSERT_EQ(lhsim({"link", dir_, "1", "down"}), 0);
+    ASSERT_NO_FATAL_FAILURE(
+        wait_for_count(log_, "traffic pipe 1 changed to DOWN\n", 2));
+    std::optional<uint64_t> sum = daemon_counter(3, 1, 25);
+    ASSERT_TRUE(sum.has_value());
+    EXPECT_EQ(*sum % value, 0u);
+    EXPECT_TRUE(*sum / value >= 1 && *sum / value < 100) << *sum;
+    EXPECT_EQ(daemon_counter(3, 0, 25), 0u);
     /* A 32-bit counter of another block. */
-    assert_int_equal(
-        LHSIM("counter", f.dir, "ingress-pkt-parser", "0", "1", "0x2a"), 0);
-    wait_counter_nonzero(5, 0, 1);
-    assert_int_equal(daemon_counter(5, 0, 1) % 0x2a, 0);
-}
-
-static void wait_banner(char *root, size_t size)
-{
-    long long start = now_ms();
-    char *text, *at, *end;
-
-    while ((at = strstr(text = file_text(f.run_err), " board in ")) == NULL ||
-           strstr(at, "; socket ") == NULL) {
-        free(text);
-        if (now_ms() - start > START_TIMEOUT_MS)
-            fail_msg("no banner from lhsim run");
-        usleep(20000);
-    }
-    at += strlen(" board in ");
-    end = strstr(at, "; socket ");
-    snprintf(root, size, "%.*s", (int)(end - at), at);
-    free(text);
+    ASSERT_EQ(lhsim({"counter", dir_, "ingress-pkt-parser", "0", "1", "0x2a"}),
+              0);
+    ASSERT_NO_FATAL_FAILURE(wait_counter_nonzero(5, 0, 1));
+    std::optional<uint64_t> parsed = daemon_counter(5, 0, 1);
+    ASSERT_TRUE(parsed.has_value());
+    EXPECT_EQ(*parsed % 0x2a, 0u);
 }
 
 /* A board made by the run goes with it, unless --keep; nothing stays
  * mounted. */
-static void test_sigint_stops_run_and_removes_its_board(void **state)
+TEST_F(LhsimSandboxed, SigintStopsRunAndRemovesItsBoard)
 {
-    const char *const fresh[] = {"run", "--board",       "base1",
-                                 "--",  PELLIN_MGR_PATH, NULL};
-    const char *const kept[] = {"run", "--dir",         f.dir, "--keep",
-                                "--",  PELLIN_MGR_PATH, NULL};
-    char root[PATH_MAX];
-
-    (void)state;
-    start_run(fresh);
-    wait_banner(root, sizeof(root));
-    snprintf(f.socket, sizeof(f.socket), "%s/run/ipc/219.sock", root);
-    ipc_client_close(connect_client());
+    start_run({"run", "--board", "base1", "--", PELLIN_MGR_PATH});
+    const std::string root = wait_banner();
+    ASSERT_FALSE(root.empty());
+    fresh_root_ = root;
+    socket_ = root + "/run/ipc/219.sock";
+    ASSERT_TRUE(connect_client() != nullptr);
     stop_run();
-    assert_int_equal(access(root, F_OK), -1);
-    assert_int_equal(access(dirname(root), F_OK), -1); /* /tmp/lhsim_XXXXXX */
-    assert_nothing_mounted(root);
+    /* /tmp/lhsim_XXXXXX */
+    const std::string made = fs::path(root).parent_path();
+    EXPECT_EQ(access(root.c_str(), F_OK), -1);
+    EXPECT_EQ(access(made.c_str(), F_OK), -1);
+    expect_nothing_mounted(made);
 
-    snprintf(f.socket, sizeof(f.socket), "%s/run/ipc/219.sock", f.dir);
-    start_run(kept);
-    ipc_client_close(connect_client());
+    socket_ = dir_ + "/run/ipc/219.sock";
+    start_run({"run", "--dir", dir_, "--keep", "--", PELLIN_MGR_PATH});
+    ASSERT_TRUE(connect_client() != nullptr);
     stop_run();
-    assert_nothing_mounted(f.dir);
-    assert_int_equal(peek("0"), 0x00010203); /* kept, still a board */
-    assert_int_equal(count_in(f.log, "Found 2 traffic pipes"), 1);
+    expect_nothing_mounted(dir_);
+    EXPECT_EQ(peek("0"), 0x00010203u); /* kept, still a board */
+    EXPECT_EQ(count_in(log_.c_str(), "Found 2 traffic pipes"), 1);
 }
 
 /* A board made in --dir by the run goes too; one made before stays. */
-static void test_run_removes_only_the_board_it_made(void **state)
+TEST_F(LhsimSandboxed, RunRemovesOnlyTheBoardItMade)
 {
-    char made[PATH_MAX + 16];
-    const char *const in_dir[] = {"run",        "--dir", made, "--",
-                                  "/bin/sleep", "30",    NULL};
-    const char *const in_board[] = {"run",        "--dir", f.dir, "--",
-                                    "/bin/sleep", "30",    NULL};
+    const std::string made = parent_.file("made");
 
-    (void)state;
-    snprintf(made, sizeof(made), "%s/made", f.parent);
-    start_run(in_dir);
-    wait_for_text(f.run_err, "; socket ", LOG_TIMEOUT_MS);
-    assert_int_equal(stop_run(), 128 + SIGTERM);
-    assert_int_equal(access(made, F_OK), -1);
-    assert_nothing_mounted(made);
-    create_board("base1");
-    start_run(in_board);
-    wait_for_text(f.run_err, "; socket ", LOG_TIMEOUT_MS);
-    assert_int_equal(stop_run(), 128 + SIGTERM);
-    assert_nothing_mounted(f.dir);
-    assert_int_equal(peek("0"), 0x00010203);
+    start_run({"run", "--dir", made, "--", "/bin/sleep", "30"});
+    wait_for_text(run_err_.c_str(), "; socket ", kLogTimeoutMs);
+    EXPECT_EQ(stop_run(), 0);
+    EXPECT_EQ(last_line_of(run_err_), "lhsim: stopped; the board is removed");
+    EXPECT_EQ(access(made.c_str(), F_OK), -1);
+    expect_nothing_mounted(made);
+    ASSERT_NO_FATAL_FAILURE(create_board("base1"));
+    start_run({"run", "--dir", dir_, "--", "/bin/sleep", "30"});
+    wait_for_text(run_err_.c_str(), "; socket ", kLogTimeoutMs);
+    EXPECT_EQ(stop_run(), 0);
+    EXPECT_EQ(last_line_of(run_err_),
+              "lhsim: stopped; the board stays in " + dir_);
+    expect_nothing_mounted(dir_);
+    EXPECT_EQ(peek("0"), 0x00010203u);
 }
 
-static void test_run_keeps_the_kind_of_an_existing_board(void **state)
+/* After the board line, the commands to try on this very board, with the
+ * paths of this build; nothing about a stop when the program ends by
+ * itself, and its exit status is the run's. */
+TEST_F(LhsimSandboxed, RunPrintsTheCommandsToTryOnItsBoard)
 {
-    const char *const args[] = {"run", "--board", "base2",     "--dir",
-                                f.dir, "--",      "/bin/true", NULL};
-    const char *const lhx[] = {"run", "--board", "lhx",       "--dir",
-                               f.dir, "--",      "/bin/true", NULL};
+    const std::string bin = fs::path(LHSIM_PATH).parent_path();
+    const std::string socket = dir_ + "/run/ipc/219.sock";
 
-    (void)state;
-    create_board("lhx");
-    assert_int_equal(lhsim_with_input(NULL, args), 2);
-    assert_err_has("is lhx, not base2");
-    assert_int_equal(lhsim_with_input(NULL, lhx), 0);
-    assert_int_equal(access(f.dir, F_OK), 0);
+    ASSERT_NO_FATAL_FAILURE(create_board("lhx"));
+    EXPECT_EQ(lhsim({"run", "--dir", dir_, "--", "/bin/sh", "-c", "exit 3"}),
+              3);
+    EXPECT_EQ(err_text_,
+              "lhsim: lhx board in " + dir_ + "; socket " + socket + "\n" +
+                  "lhsim: try from another terminal:\n" +
+                  "lhsim:   " + bin + "/lhctl --socket " + socket +
+                  " modules\n" +
+                  "lhsim:   " + bin + "/lhctl --socket " + socket +
+                  " pipes\n" +
+                  "lhsim:   " + bin + "/lhctl --socket " + socket +
+                  " stats eth 0\n" +
+                  "lhsim:   " + bin + "/lhsim link " + dir_ + " 0 down\n" +
+                  "lhsim:   " + bin + "/lhsim link " + dir_ + " 0 up\n" +
+                  "lhsim:   " + bin + "/lhsim fatal " + dir_ +
+                  " eth 0 \"TX Buffer FIFO Underflow\"\n" +
+                  "lhsim: Ctrl-C stops the program and keeps the board\n");
 }
 
-int main(void)
+/* A program that ignores SIGTERM is killed after 5 s, and the run says
+ * so and fails. */
+TEST_F(LhsimSandboxed, ProgramThatIgnoresTheStopIsKilled)
 {
-#define T(name) cmocka_unit_test_setup_teardown(name, setup, teardown)
-    const struct CMUnitTest tests[] = {
-        T(test_errors_lists_caui_in_test_order),
-        T(test_usage_errors_exit_2),
-        T(test_missing_or_non_board_dir_exits_1),
-        T(test_create_and_destroy_leave_nothing),
-        T(test_peek_and_poke_any_word),
-        T(test_injections_land_where_the_driver_looks),
-        T(test_eth_on_lhx),
-        T(test_targets_the_board_lacks_are_refused),
-        T(test_shell_runs_in_the_sandbox),
-        T(test_fatal_error_reaches_the_daemon),
-        T(test_cleared_board_is_healthy_for_a_later_daemon),
-        T(test_link_change_is_seen_by_the_daemon_poll),
-        T(test_counter_reaches_the_daemon_statistics),
-        T(test_sigint_stops_run_and_removes_its_board),
-        T(test_run_removes_only_the_board_it_made),
-        T(test_run_keeps_the_kind_of_an_existing_board),
-    };
-
-    signal(SIGPIPE, SIG_IGN);
-    return cmocka_run_group_tests(tests, NULL, NULL);
+    ASSERT_NO_FATAL_FAILURE(create_board("base1"));
+    start_run({"run", "--dir", dir_, "--", "/bin/sh", "-c",
+               "trap '' TERM; exec /bin/sleep 30"});
+    wait_for_text(run_err_.c_str(), "; socket ", kLogTimeoutMs);
+    usleep(200000); /* the trap is set */
+    EXPECT_EQ(stop_run(), 1);
+    const std::string err = text_of(run_err_);
+    EXPECT_NE(err.find("\nlhsim: /bin/sh did not stop within 5 s; killed\n"
+                       "lhsim: stopped; the board stays in " +
+                       dir_ + "\n"),
+              std::string::npos)
+        << err;
+    expect_nothing_mounted(dir_);
 }
+
+TEST_F(LhsimSandboxed, RunKeepsTheKindOfAnExistingBoard)
+{
+    ASSERT_NO_FATAL_FAILURE(create_board("lhx"));
+    EXPECT_EQ(lhsim({"run", "--board", "base2", "--dir", dir_, "--",
+                     "/bin/true"}),
+              2);
+    expect_err_has("is lhx, not base2");
+    EXPECT_EQ(
+        lhsim({"run", "--board", "lhx", "--dir", dir_, "--", "/bin/true"}),
+        0);
+    EXPECT_EQ(access(dir_.c_str(), F_OK), 0);
+}
+
+} // namespace

@@ -1,140 +1,124 @@
-/* Part 2.6: the register dump file: module status and the compressed
- * register window. */
+/* The register dump file: module status and the compressed register
+ * window. */
 #include <dirent.h>
 #include <regex.h>
+#include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
 
-#include "cmocka_all.h"
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
 #include "fake_device.hpp"
 #include "log_expect.hpp"
 #include "private_tmp.hpp"
 
-#define FILLER 0xDEADBEEFu
 #define LOGS "/opt/orvel/platform/logs"
 
-static char *dump_text(const lh_device_desc *desc)
+namespace {
+
+constexpr uint32_t filler = 0xDEADBEEFu;
+
+/* What lh_register_dump_write writes for `desc`. */
+std::string dump_text(const lh_device_desc *desc)
 {
-    char *text = NULL;
+    char *text = nullptr;
     size_t length = 0;
     FILE *file = open_memstream(&text, &length);
 
-    assert_non_null(file);
+    EXPECT_NE(file, nullptr);
+    if (file == nullptr)
+        return "";
     lh_register_dump_write(file, desc);
-    assert_int_equal(fclose(file), 0);
-    return text;
-}
-
-static const char *register_part(const char *text)
-{
-    static const char header[] = "\n----------- Register Dump -----------\n";
-    const char *part = strstr(text, header);
-
-    assert_non_null(part);
-    return part + strlen(header);
-}
-
-static void assert_ends_with(const char *text, const char *end)
-{
-    size_t length = strlen(text), end_length = strlen(end);
-
-    assert_true(length >= end_length);
-    assert_string_equal(text + length - end_length, end);
-}
-
-static void test_run_of_filler_is_one_line(void **state)
-{
-    struct reg_model *model = fake_device_install(&lh_desc_base_two_pipes, 1);
-    char *text;
-
-    (void)state;
-    reg_model_store(model, 0x100, FILLER);
-    reg_model_store(model, 0x104, FILLER);
-    reg_model_store(model, 0x108, FILLER);
-    reg_model_store(model, 0x10C, 0x1);
-    text = dump_text(&lh_desc_base_two_pipes);
-    assert_non_null(strstr(register_part(text),
-                           "0x000f8: 0x00000000\n"
-                           "0x000fc: 0x00000000\n"
-                           "0x00100-0x00108: 0xdeadbeef\n"
-                           "0x0010c: 0x00000001\n"
-                           "0x00110: 0x00000000\n"));
-    assert_ends_with(text, "0x2a0f8: 0x00000000\n0x2a0fc: 0x00000000\n");
+    EXPECT_EQ(fclose(file), 0);
+    std::string content(text, length);
     free(text);
+    return content;
 }
 
-static void test_every_word_printed_when_no_filler(void **state)
+/* What follows the register dump's header, or "" without one. */
+std::string register_part(const std::string &text)
 {
-    char *text;
-    size_t lines = 0;
+    static const std::string header = "\n----------- Register Dump -----------\n";
+    size_t at = text.find(header);
 
-    (void)state;
-    fake_device_install(&lh_desc_lhx, 1);
-    text = dump_text(&lh_desc_lhx);
-    for (const char *at = register_part(text); *at != '\0'; at++)
-        lines += *at == '\n';
-    assert_int_equal(lines, 0x19800 / 4);
-    assert_true(strncmp(register_part(text), "0x00000: 0x00000000\n", 20) ==
-                0);
-    free(text);
+    EXPECT_NE(at, std::string::npos) << "no register dump header";
+    if (at == std::string::npos)
+        return "";
+    return text.substr(at + header.size());
 }
 
-static void test_lone_filler_at_last_base_word_closes_at_once(void **state)
+/* The last `length` characters of `text`, or all of it if shorter. */
+std::string tail(const std::string &text, size_t length)
 {
-    struct reg_model *model = fake_device_install(&lh_desc_base_two_pipes, 1);
-    char *text;
-
-    (void)state;
-    reg_model_store(model, 0x2A0FC, FILLER);
-    text = dump_text(&lh_desc_base_two_pipes);
-    assert_ends_with(text, "0x2a0f8: 0x00000000\n0x2a0fc-0x2a0fc: 0xdeadbeef\n");
-    free(text);
+    return text.size() < length ? text : text.substr(text.size() - length);
 }
 
-static void test_run_reaching_the_base_end_stays_open(void **state)
+void assert_ends_with(const std::string &text, const std::string &end)
 {
-    struct reg_model *model = fake_device_install(&lh_desc_base_two_pipes, 1);
-    char *text;
-
-    (void)state;
-    for (uint32_t offset = 0x2A0F0; offset < 0x2A100; offset += 4)
-        reg_model_store(model, offset, FILLER);
-    text = dump_text(&lh_desc_base_two_pipes);
-    assert_ends_with(text, "0x2a0ec: 0x00000000\n0x2a0f0-");
-    free(text);
+    ASSERT_GE(text.size(), end.size());
+    ASSERT_EQ(tail(text, end.size()), end);
 }
 
-static void test_run_open_at_the_end_of_the_lhx_window(void **state)
+/* The names of the files in the log directory. */
+std::vector<std::string> log_files()
 {
-    struct reg_model *model = fake_device_install(&lh_desc_lhx, 1);
-    char *text;
+    std::vector<std::string> names;
+    std::unique_ptr<DIR, int (*)(DIR *)> dir(opendir(LOGS), closedir);
+    struct dirent *entry;
 
-    (void)state;
-    for (uint32_t offset = 0x19000; offset < 0x19800; offset += 4)
-        reg_model_store(model, offset, FILLER);
-    text = dump_text(&lh_desc_lhx);
-    assert_ends_with(text, "0x18ffc: 0x00000000\n0x19000-");
-    free(text);
+    EXPECT_NE(dir, nullptr) << LOGS;
+    if (dir == nullptr)
+        return names;
+    while ((entry = readdir(dir.get())) != nullptr)
+        if (entry->d_name[0] != '.')
+            names.emplace_back(entry->d_name);
+    return names;
 }
 
-static void test_filler_window_is_one_open_run(void **state)
+/* Whether `name` is a dump file's name: the date and time it was
+ * written. */
+bool is_dump_name(const std::string &name)
 {
-    struct reg_model *model = fake_device_install(&lh_desc_lhx, 1);
-    char *text;
+    regex_t pattern;
 
-    (void)state;
-    reg_model_fill(model, FILLER);
-    text = dump_text(&lh_desc_lhx);
-    assert_string_equal(register_part(text), "0x00000-");
-    free(text);
+    if (regcomp(&pattern,
+                "^lark_hollow_dump__[A-Z][a-z]{2}-[0-9]{2}-[0-9]{4}__"
+                "[0-9]{2}-[0-9]{2}-[0-9]{2}-(AM|PM)\\.log$",
+                REG_EXTENDED | REG_NOSUB) != 0) {
+        ADD_FAILURE() << "the dump name pattern does not compile";
+        return false;
+    }
+    bool matches = regexec(&pattern, name.c_str(), 0, nullptr, 0) == 0;
+    regfree(&pattern);
+    return matches;
 }
 
-static unsigned int reads_of_0x10c;
+/* The one dump file of the log directory; its content in `text`, and the
+ * file removed. */
+void read_single_dump(std::string *text)
+{
+    std::vector<std::string> names = log_files();
 
-static uint32_t count_reads_of_0x10c(struct reg_model *model,
-                                     uint32_t offset, uint32_t stored)
+    ASSERT_EQ(names.size(), 1u);
+    ASSERT_TRUE(is_dump_name(names[0])) << names[0];
+    std::string path = LOGS "/" + names[0];
+    std::unique_ptr<char, void (*)(void *)> content(
+        read_whole_file(path.c_str(), nullptr), free);
+    unlink(path.c_str());
+    ASSERT_NE(content, nullptr) << path;
+    *text = content.get();
+}
+
+unsigned int reads_of_0x10c;
+
+uint32_t count_reads_of_0x10c(reg_model *model, uint32_t offset,
+                              uint32_t stored)
 {
     (void)model;
     if (offset == 0x10C)
@@ -142,29 +126,108 @@ static uint32_t count_reads_of_0x10c(struct reg_model *model,
     return stored;
 }
 
-static void test_word_after_a_run_is_read_again(void **state)
-{
-    struct reg_model *model = fake_device_install(&lh_desc_lhx, 1);
-    char *text;
+} // namespace
 
-    (void)state;
-    reg_model_store(model, 0x108, FILLER);
+class DumpTest : public PrivateDirsTest {
+protected:
+    void TearDown() override
+    {
+        if (IsSkipped())
+            return;
+        fake_device_remove();
+    }
+};
+
+TEST_F(DumpTest, RunOfFillerIsOneLine)
+{
+    reg_model *model = fake_device_install(&lh_desc_base_two_pipes, 1);
+
+    reg_model_store(model, 0x100, filler);
+    reg_model_store(model, 0x104, filler);
+    reg_model_store(model, 0x108, filler);
+    reg_model_store(model, 0x10C, 0x1);
+    std::string text = dump_text(&lh_desc_base_two_pipes);
+    ASSERT_NE(register_part(text).find("0x000f8: 0x00000000\n"
+                                       "0x000fc: 0x00000000\n"
+                                       "0x00100-0x00108: 0xdeadbeef\n"
+                                       "0x0010c: 0x00000001\n"
+                                       "0x00110: 0x00000000\n"),
+              std::string::npos);
+    assert_ends_with(text, "0x2a0f8: 0x00000000\n0x2a0fc: 0x00000000\n");
+}
+
+TEST_F(DumpTest, EveryWordPrintedWhenNoFiller)
+{
+    fake_device_install(&lh_desc_lhx, 1);
+    std::string registers = register_part(dump_text(&lh_desc_lhx));
+    size_t lines = 0;
+
+    for (char c : registers)
+        lines += c == '\n';
+    ASSERT_EQ(lines, 0x19800u / 4);
+    ASSERT_EQ(registers.compare(0, 20, "0x00000: 0x00000000\n"), 0);
+}
+
+TEST_F(DumpTest, LoneFillerAtLastBaseWordClosesAtOnce)
+{
+    reg_model *model = fake_device_install(&lh_desc_base_two_pipes, 1);
+
+    reg_model_store(model, 0x2A0FC, filler);
+    std::string text = dump_text(&lh_desc_base_two_pipes);
+    assert_ends_with(text,
+                     "0x2a0f8: 0x00000000\n0x2a0fc-0x2a0fc: 0xdeadbeef\n");
+}
+
+TEST_F(DumpTest, RunReachingTheBaseEndStaysOpen)
+{
+    reg_model *model = fake_device_install(&lh_desc_base_two_pipes, 1);
+
+    for (uint32_t offset = 0x2A0F0; offset < 0x2A100; offset += 4)
+        reg_model_store(model, offset, filler);
+    std::string text = dump_text(&lh_desc_base_two_pipes);
+    assert_ends_with(text, "0x2a0ec: 0x00000000\n0x2a0f0-");
+}
+
+TEST_F(DumpTest, RunOpenAtTheEndOfTheLhxWindow)
+{
+    reg_model *model = fake_device_install(&lh_desc_lhx, 1);
+
+    for (uint32_t offset = 0x19000; offset < 0x19800; offset += 4)
+        reg_model_store(model, offset, filler);
+    std::string text = dump_text(&lh_desc_lhx);
+    assert_ends_with(text, "0x18ffc: 0x00000000\n0x19000-");
+}
+
+TEST_F(DumpTest, FillerWindowIsOneOpenRun)
+{
+    reg_model *model = fake_device_install(&lh_desc_lhx, 1);
+
+    reg_model_fill(model, filler);
+    std::string text = dump_text(&lh_desc_lhx);
+    ASSERT_EQ(register_part(text), "0x00000-");
+}
+
+TEST_F(DumpTest, WordAfterARunIsReadAgain)
+{
+    reg_model *model = fake_device_install(&lh_desc_lhx, 1);
+
+    reg_model_store(model, 0x108, filler);
     reg_model_store(model, 0x10C, 0x2);
     reg_model_store(model, 0x110, 0x3);
     model->on_read = count_reads_of_0x10c;
     reads_of_0x10c = 0;
-    text = dump_text(&lh_desc_lhx);
-    assert_int_equal(reads_of_0x10c, 2);
-    assert_non_null(strstr(text, "0x00104: 0x00000000\n"
-                                 "0x00108-0x00108: 0xdeadbeef\n"
-                                 "0x0010c: 0x00000002\n"
-                                 "0x00110: 0x00000003\n"));
-    free(text);
+    std::string text = dump_text(&lh_desc_lhx);
+    ASSERT_EQ(reads_of_0x10c, 2u);
+    ASSERT_NE(text.find("0x00104: 0x00000000\n"
+                        "0x00108-0x00108: 0xdeadbeef\n"
+                        "0x0010c: 0x00000002\n"
+                        "0x00110: 0x00000003\n"),
+              std::string::npos);
 }
 
-static void test_module_status_of_two_pipe_base_board(void **state)
+TEST_F(DumpTest, ModuleStatusOfTwoPipeBaseBoard)
 {
-    static const char expected[] =
+    static const std::string expected =
         "\n----------- Module Status -----------\n"
         "module: global, pipe: 0, status: OK\n"
         "module: pcie, pipe: 0, status: OK\n"
@@ -184,106 +247,31 @@ static void test_module_status_of_two_pipe_base_board(void **state)
         "module: egress-scheduler, pipe: 1, status: FAILED\n"
         "\n----------- Register Dump -----------\n"
         "0x00000: 0x00000000\n";
-    char *text;
 
-    (void)state;
     fake_device_install(&lh_desc_base_two_pipes, 1);
-    atomic_store(&lh_module_state[LH_MOD_CAUI][1], 1);
-    atomic_store(&lh_module_state[LH_MOD_EGRESS_SCHEDULER][1], 1);
-    text = dump_text(&lh_desc_base_two_pipes);
-    assert_int_equal(strncmp(text, expected, strlen(expected)), 0);
-    free(text);
+    lh_module_state[LH_MOD_CAUI][1].store(1);
+    lh_module_state[LH_MOD_EGRESS_SCHEDULER][1].store(1);
+    std::string text = dump_text(&lh_desc_base_two_pipes);
+    ASSERT_EQ(text.substr(0, expected.size()), expected);
 }
 
-/* The one dump file of the directory, its content in *text. */
-static void read_single_dump(char **text)
+TEST_F(DumpTest, DumpFileIsNamedByTheTime)
 {
-    regex_t pattern;
-    DIR *dir = opendir(LOGS);
-    struct dirent *entry;
-    char path[512];
-    int dumps = 0;
+    std::string text;
 
-    assert_non_null(dir);
-    assert_int_equal(
-        regcomp(&pattern,
-                "^lark_hollow_dump__[A-Z][a-z]{2}-[0-9]{2}-[0-9]{4}__"
-                "[0-9]{2}-[0-9]{2}-[0-9]{2}-(AM|PM)\\.log$",
-                REG_EXTENDED | REG_NOSUB),
-        0);
-    while ((entry = readdir(dir)) != NULL) {
-        if (entry->d_name[0] == '.')
-            continue;
-        assert_int_equal(regexec(&pattern, entry->d_name, 0, NULL, 0), 0);
-        snprintf(path, sizeof(path), LOGS "/%s", entry->d_name);
-        dumps++;
-    }
-    closedir(dir);
-    regfree(&pattern);
-    assert_int_equal(dumps, 1);
-    *text = read_whole_file(path, NULL);
-    assert_non_null(*text);
-    unlink(path);
-}
-
-static void test_dump_file_is_named_by_the_time(void **state)
-{
-    char *text;
-
-    (void)state;
     fake_device_install(&lh_desc_lhx, 1);
     lh_register_dump();
-    read_single_dump(&text);
-    assert_true(strncmp(text,
-                        "\n----------- Module Status -----------\n"
-                        "module: lhx-global, pipe: 0, status: OK\n",
-                        78) == 0);
+    ASSERT_NO_FATAL_FAILURE(read_single_dump(&text));
+    static const std::string head = "\n----------- Module Status -----------\n"
+                                    "module: lhx-global, pipe: 0, status: OK\n";
+    ASSERT_EQ(text.substr(0, head.size()), head);
     assert_ends_with(text, "0x197fc: 0x00000000\n");
-    free(text);
 }
 
-static void test_dump_without_device_writes_nothing(void **state)
+TEST_F(DumpTest, DumpWithoutDeviceWritesNothing)
 {
-    DIR *dir;
-    struct dirent *entry;
-    int files = 0;
-
-    (void)state;
     write_text_file(LH_IDPROM_CACHE_PATH, "CONTROLLER_TYPE=4388\n");
     lh_register_dump();
-    dir = opendir(LOGS);
-    assert_non_null(dir);
-    while ((entry = readdir(dir)) != NULL)
-        files += entry->d_name[0] != '.';
-    closedir(dir);
-    assert_int_equal(files, 0);
+    EXPECT_EQ(log_files().size(), 0u);
     lh_pci_cache_reset();
-}
-
-static int teardown(void **state)
-{
-    (void)state;
-    fake_device_remove();
-    return 0;
-}
-
-int main(void)
-{
-#define T(name) cmocka_unit_test_teardown(name, teardown)
-    const struct CMUnitTest tests[] = {
-        T(test_run_of_filler_is_one_line),
-        T(test_every_word_printed_when_no_filler),
-        T(test_lone_filler_at_last_base_word_closes_at_once),
-        T(test_run_reaching_the_base_end_stays_open),
-        T(test_run_open_at_the_end_of_the_lhx_window),
-        T(test_filler_window_is_one_open_run),
-        T(test_word_after_a_run_is_read_again),
-        T(test_module_status_of_two_pipe_base_board),
-        T(test_dump_file_is_named_by_the_time),
-        T(test_dump_without_device_writes_nothing),
-    };
-
-    if (enter_private_dirs() != 0)
-        return 1;
-    return cmocka_run_group_tests(tests, NULL, NULL);
 }

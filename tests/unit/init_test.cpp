@@ -1,28 +1,32 @@
-/* Part 2.4: lh_fpga_init, the device bring-ups and lh_fpga_shutdown, on a
- * register model; the PCI bus scan is left out at link time. */
-#include <errno.h>
-#include <pthread.h>
+/* lh_fpga_init, the device bring-ups and lh_fpga_shutdown, on a register
+ * model; the PCI bus scan is left out at link time. */
+#include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
 
-#include "cmocka_all.h"
-#include "mutex_wrap.hpp"
+#include <initializer_list>
+#include <memory>
+
+#include <gtest/gtest.h>
+
 #include "fake_device.hpp"
 #include "lh_log.hpp"
 #include "log_expect.hpp"
+#include "mutex_wrap.hpp"
 #include "private_tmp.hpp"
 #include "syslog_capture.hpp"
 
-
 /* The fake device already stands where the bus would show one. */
-int __wrap_lh_pci_system_init(lh_device_desc *descs, uint32_t count)
+extern "C" int __wrap_lh_pci_system_init(lh_device_desc *descs,
+                                         uint32_t count)
 {
     (void)descs;
     (void)count;
     return 0;
 }
 
-int __wrap_system(const char *command)
+/* The LHX PCI command write is not run. */
+extern "C" int __wrap_system(const char *command)
 {
     (void)command;
     return 0;
@@ -39,38 +43,56 @@ int __wrap_system(const char *command)
 #define POLL_TERMINATED "Larks Hollow FPGA system poll thread terminated..."
 #define INITIALIZED "Informational - Larks Hollow FPGA Initialized"
 
-struct logged {
+namespace {
+
+struct Logged {
     int severity;
     const char *text;
 };
 
-static void expect_logs(const struct logged *lines, size_t count)
+void expect_logs(std::initializer_list<Logged> lines)
 {
-    for (size_t i = 0; i < count; i++)
-        expect_log(lines[i].severity, lines[i].text);
+    for (const Logged &line : lines)
+        expect_log(line.severity, line.text);
 }
 
-static struct reg_model *start(lh_device_desc *desc)
-{
-    struct reg_model *model = fake_device_start(desc, 0);
+struct FreeDeleter {
+    void operator()(char *text) const { free(text); }
+};
+using FileText = std::unique_ptr<char, FreeDeleter>;
 
-    reg_model_store(model, 0x000, 0x00010203);
-    reg_model_store(model, 0x010, 0x24031510);
-    mutex_inits = 0;
-    mutex_init_failing_call = 0;
-    return model;
-}
+} // namespace
 
-static int teardown(void **state)
-{
-    lh_fpga_shutdown();
-    lh_desc_base_two_pipes.device_type = LH_DEV_TYPE_BASE;
-    return fake_device_teardown(state);
-}
+class InitTest : public PrivateDirsTest {
+protected:
+    void TearDown() override
+    {
+        if (IsSkipped())
+            return;
+        lh_fpga_shutdown();
+        lh_desc_base_two_pipes.device_type = LH_DEV_TYPE_BASE;
+        fake_device_stop();
+    }
 
-static void test_two_pipe_base_device(void **state)
+    /* The device with its revision and image timestamp, expectations
+     * started, every mutex initialisation succeeding. */
+    static reg_model *start(lh_device_desc *desc)
+    {
+        reg_model *model = fake_device_start(desc, 0);
+
+        reg_model_store(model, 0x000, 0x00010203);
+        reg_model_store(model, 0x010, 0x24031510);
+        mutex_inits = 0;
+        mutex_init_failing_call = 0;
+        return model;
+    }
+};
+
+TEST_F(InitTest, TwoPipeBaseDevice)
 {
-    static const struct logged lines[] = {
+    start(&lh_desc_base_two_pipes);
+    ASSERT_EQ(lh_fpga_init(log_expect_path()), 0);
+    expect_logs({
         { LOG_INFO, REVISION_LINE },
         { LOG_INFO, CREATED("Global", 0) },
         { LOG_INFO, CREATED("PCIe", 0) },
@@ -90,23 +112,20 @@ static void test_two_pipe_base_device(void **state)
         { LOG_INFO, CREATED("Egress Scheduler", 1) },
         { LOG_DEBUG, POLL_STARTED },
         { LOG_INFO, INITIALIZED },
-    };
-
-    (void)state;
-    start(&lh_desc_base_two_pipes);
-    assert_int_equal(lh_fpga_init(log_expect_path()), 0);
-    expect_logs(lines, sizeof(lines) / sizeof(lines[0]));
-    assert_int_equal(atomic_load(&lh_initialized), 1);
+    });
+    ASSERT_EQ(lh_initialized.load(), 1);
     lh_fpga_shutdown();
     /* The thread ends after its current sleep and scan. */
-    assert_int_equal(syslog_capture_count(), 20);
-    assert_string_equal(syslog_capture_get(19)->text, POLL_TERMINATED);
-    assert_false(log_sink_is_open(&lh_log_file));
+    ASSERT_EQ(syslog_capture_count(), 20u);
+    ASSERT_STREQ(syslog_capture_get(19)->text, POLL_TERMINATED);
+    ASSERT_FALSE(log_sink_is_open(&lh_log_file));
 }
 
-static void test_one_pipe_base_device(void **state)
+TEST_F(InitTest, OnePipeBaseDevice)
 {
-    static const struct logged lines[] = {
+    start(&lh_desc_base_one_pipe);
+    ASSERT_EQ(lh_fpga_init(log_expect_path()), 0);
+    expect_logs({
         { LOG_INFO, REVISION_LINE },
         { LOG_INFO, CREATED("Global", 0) },
         { LOG_INFO, CREATED("PCIe", 0) },
@@ -119,17 +138,14 @@ static void test_one_pipe_base_device(void **state)
         { LOG_INFO, CREATED("Egress Scheduler", 0) },
         { LOG_DEBUG, POLL_STARTED },
         { LOG_INFO, INITIALIZED },
-    };
-
-    (void)state;
-    start(&lh_desc_base_one_pipe);
-    assert_int_equal(lh_fpga_init(log_expect_path()), 0);
-    expect_logs(lines, sizeof(lines) / sizeof(lines[0]));
+    });
 }
 
-static void test_lhx_device(void **state)
+TEST_F(InitTest, LhxDevice)
 {
-    static const struct logged lines[] = {
+    start(&lh_desc_lhx);
+    ASSERT_EQ(lh_fpga_init(log_expect_path()), 0);
+    expect_logs({
         { LOG_INFO, REVISION_LINE },
         { LOG_INFO, CREATED("LHX Global", 0) },
         { LOG_INFO, CREATED("LHX PCIe", 0) },
@@ -139,46 +155,39 @@ static void test_lhx_device(void **state)
         { LOG_INFO, CREATED("LHX Egress Scheduler", 0) },
         { LOG_DEBUG, POLL_STARTED },
         { LOG_INFO, INITIALIZED },
-    };
-
-    (void)state;
-    start(&lh_desc_lhx);
-    assert_int_equal(lh_fpga_init(log_expect_path()), 0);
-    expect_logs(lines, sizeof(lines) / sizeof(lines[0]));
+    });
 }
 
-static void test_failed_context_stops_bring_up_but_leaves_it_initialised(
-    void **state)
+TEST_F(InitTest, FailedContextStopsBringUpButLeavesItInitialised)
 {
-    static const struct logged lines[] = {
+    uint32_t value = 0;
+
+    start(&lh_desc_base_two_pipes);
+    mutex_init_failing_call = 3; /* PCIe, CAUI 0, then CAUI 1 */
+    ASSERT_EQ(lh_fpga_init(log_expect_path()), -1);
+    ASSERT_EQ(lh_read_register(0x010, &value), 0);
+    ASSERT_EQ(value, 0x24031510u);
+    expect_logs({
         { LOG_INFO, REVISION_LINE },
         { LOG_INFO, CREATED("Global", 0) },
         { LOG_INFO, CREATED("PCIe", 0) },
         { LOG_INFO, CREATED("DDR4", 0) },
         { LOG_INFO, CREATED("DDR4", 1) },
         { LOG_INFO, CREATED("CAUI", 0) },
-        { LOG_CRIT, "Error - CAUI module context create - mutex init failed" },
+        { LOG_CRIT,
+          "Error - CAUI module context create - mutex init failed" },
         { LOG_DEBUG, "read register - addr 0xf0000010, data 0x24031510" },
-    };
-    uint32_t value = 0;
-
-    (void)state;
-    start(&lh_desc_base_two_pipes);
-    mutex_init_failing_call = 3; /* PCIe, CAUI 0, then CAUI 1 */
-    assert_int_equal(lh_fpga_init(log_expect_path()), -1);
-    assert_int_equal(lh_read_register(0x010, &value), 0);
-    assert_int_equal(value, 0x24031510);
-    expect_logs(lines, sizeof(lines) / sizeof(lines[0]));
+    });
     expect_no_more_logs();
     /* No poll thread was started: shutdown only closes the log. */
     lh_fpga_shutdown();
-    assert_false(log_sink_is_open(&lh_log_file));
-    assert_int_equal(syslog_capture_count(), 8);
+    ASSERT_FALSE(log_sink_is_open(&lh_log_file));
+    ASSERT_EQ(syslog_capture_count(), 8u);
 }
 
 /* An id of the other image or none at all is refused and the walk goes
  * on; a per-pipe block on a pipe above 1 is skipped without a word. */
-static void test_unsupported_modules_are_refused_and_skipped(void **state)
+TEST_F(InitTest, UnsupportedModulesAreRefusedAndSkipped)
 {
     static const lh_module_entry odd_list[] = {
         { LH_MOD_LHX_GLOBAL, 0 }, { LH_MOD_DDR4, 2 }, { 16, 0 },
@@ -186,11 +195,11 @@ static void test_unsupported_modules_are_refused_and_skipped(void **state)
     };
     const lh_module_entry *list = lh_desc_base_one_pipe.module_list;
 
-    (void)state;
     start(&lh_desc_base_one_pipe);
     lh_desc_base_one_pipe.module_list = odd_list;
-    assert_int_equal(lh_base_device_init(), 0);
+    int result = lh_base_device_init();
     lh_desc_base_one_pipe.module_list = list;
+    ASSERT_EQ(result, 0);
     expect_log(LOG_INFO, REVISION_LINE);
     expect_log(LOG_ERR, UNSUPPORTED(9));
     expect_log(LOG_ERR, UNSUPPORTED(16));
@@ -198,70 +207,44 @@ static void test_unsupported_modules_are_refused_and_skipped(void **state)
     expect_no_more_logs();
 }
 
-static void test_unsupported_device_type_fails_silently(void **state)
+TEST_F(InitTest, UnsupportedDeviceTypeFailsSilently)
 {
-    (void)state;
     start(&lh_desc_base_two_pipes);
     lh_desc_base_two_pipes.device_type = LH_DEV_TYPE_UNSUPPORTED;
-    assert_int_equal(lh_fpga_init(log_expect_path()), -1);
+    ASSERT_EQ(lh_fpga_init(log_expect_path()), -1);
     expect_no_more_logs();
-    assert_int_equal(atomic_load(&lh_initialized), 0);
+    ASSERT_EQ(lh_initialized.load(), 0);
 }
 
-static void test_unknown_device_type(void **state)
+TEST_F(InitTest, UnknownDeviceType)
 {
-    (void)state;
     start(&lh_desc_base_two_pipes);
     lh_desc_base_two_pipes.device_type = 7;
-    assert_int_equal(lh_fpga_init(log_expect_path()), -1);
+    ASSERT_EQ(lh_fpga_init(log_expect_path()), -1);
     expect_log(LOG_CRIT, "PCI - unknown device type (7)");
     expect_no_more_logs();
 }
 
-static void test_default_log_path(void **state)
+TEST_F(InitTest, DefaultLogPath)
 {
-    char *content;
-
-    (void)state;
     start(&lh_desc_lhx);
     log_expect_stop();
-    assert_int_equal(lh_fpga_init(NULL), 0);
+    ASSERT_EQ(lh_fpga_init(nullptr), 0);
     lh_fpga_shutdown();
-    content = read_whole_file(LH_LOG_DEFAULT_PATH, NULL);
-    assert_non_null(content);
-    assert_non_null(strstr(content, ": " INITIALIZED "\n"));
-    assert_non_null(strstr(content, ": " POLL_TERMINATED "\n"));
-    free(content);
+    FileText content(read_whole_file(LH_LOG_DEFAULT_PATH, nullptr));
+    ASSERT_NE(content, nullptr);
+    ASSERT_NE(strstr(content.get(), ": " INITIALIZED "\n"), nullptr);
+    ASSERT_NE(strstr(content.get(), ": " POLL_TERMINATED "\n"), nullptr);
 }
 
-static void test_unwritable_log_leaves_syslog(void **state)
+TEST_F(InitTest, UnwritableLogLeavesSyslog)
 {
-    (void)state;
     start(&lh_desc_lhx);
     log_expect_stop();
     syslog_capture_reset();
-    assert_int_equal(lh_fpga_init("/tmp/no/such/dir/lh.log"), 0);
-    assert_false(log_sink_is_open(&lh_log_file));
-    assert_string_equal(syslog_capture_get(syslog_capture_count() - 1)->text,
-                        INITIALIZED);
-}
-
-int main(void)
-{
-#define T(name) cmocka_unit_test_teardown(name, teardown)
-    const struct CMUnitTest tests[] = {
-        T(test_two_pipe_base_device),
-        T(test_one_pipe_base_device),
-        T(test_lhx_device),
-        T(test_failed_context_stops_bring_up_but_leaves_it_initialised),
-        T(test_unsupported_modules_are_refused_and_skipped),
-        T(test_unsupported_device_type_fails_silently),
-        T(test_unknown_device_type),
-        T(test_default_log_path),
-        T(test_unwritable_log_leaves_syslog),
-    };
-
-    if (enter_private_dirs() != 0)
-        return 1;
-    return cmocka_run_group_tests(tests, NULL, NULL);
+    ASSERT_EQ(lh_fpga_init("/tmp/no/such/dir/lh.log"), 0);
+    ASSERT_FALSE(log_sink_is_open(&lh_log_file));
+    ASSERT_GT(syslog_capture_count(), 0u);
+    ASSERT_STREQ(syslog_capture_get(syslog_capture_count() - 1)->text,
+                 INITIALIZED);
 }

@@ -1,10 +1,16 @@
 /* The block layouts the tools read: where each block sits, its error table
- * and its statistics, from the drivers' own tables (Parts 2.4, 3.x, 4.x). */
-#include "cmocka_all.h"
+ * and its statistics, from the drivers' own tables. */
+#include <stddef.h>
+#include <stdint.h>
+
+#include <gtest/gtest.h>
+
 #include "lh_block_ops.hpp"
 #include "lh_device.hpp"
 
-struct expected_layout {
+namespace {
+
+struct ExpectedLayout {
     const char *name;
     uint32_t device_type;
     bool per_pipe;
@@ -13,7 +19,7 @@ struct expected_layout {
     size_t stats_size;
 };
 
-static const struct expected_layout expected[LH_MOD_COUNT] = {
+const ExpectedLayout expected[LH_MOD_COUNT] = {
     { "Global", LH_DEV_TYPE_BASE, false, 0x00000, 6, 0 },
     { "PCIe", LH_DEV_TYPE_BASE, false, 0x01000, 6, 16 },
     { "DDR4", LH_DEV_TYPE_BASE, true, 0x1A000, 17, 0 },
@@ -31,56 +37,44 @@ static const struct expected_layout expected[LH_MOD_COUNT] = {
     { "LHX Egress Scheduler", LH_DEV_TYPE_LHX, false, 0x19000, 14, 144 },
 };
 
-static void test_every_module_has_its_layout(void **state)
+} // namespace
+
+TEST(LayoutTest, EveryModuleHasItsLayout)
 {
-    (void)state;
     for (uint32_t id = 0; id < LH_MOD_COUNT; id++) {
+        const ExpectedLayout &e = expected[id];
         struct lh_block_layout layout;
 
-        assert_int_equal(lh_block_layout_of(id, &layout), 0);
-        assert_string_equal(layout.name, expected[id].name);
-        assert_int_equal(layout.device_type, expected[id].device_type);
-        assert_int_equal(layout.per_pipe, expected[id].per_pipe);
-        assert_int_equal(layout.offsets[0], expected[id].offset0);
-        assert_int_equal(layout.offsets[1],
-                         expected[id].offset0 +
-                             (expected[id].per_pipe ? 0x10000 : 0));
-        assert_int_equal(layout.error_count, expected[id].error_count);
-        assert_int_equal(layout.stats_size, expected[id].stats_size);
+        SCOPED_TRACE(e.name);
+        ASSERT_EQ(lh_block_layout_of(id, &layout), 0);
+        ASSERT_STREQ(layout.name, e.name);
+        ASSERT_EQ(layout.device_type, e.device_type);
+        ASSERT_EQ(layout.per_pipe, e.per_pipe);
+        ASSERT_EQ(layout.offsets[0], e.offset0);
+        ASSERT_EQ(layout.offsets[1], e.offset0 + (e.per_pipe ? 0x10000u : 0u));
+        ASSERT_EQ(layout.error_count, e.error_count);
+        ASSERT_EQ(layout.stats_size, e.stats_size);
     }
 }
 
-static void test_caui_tables(void **state)
+TEST(LayoutTest, CauiTables)
 {
     struct lh_block_layout layout;
 
-    (void)state;
-    assert_int_equal(lh_block_layout_of(LH_MOD_CAUI, &layout), 0);
-    assert_int_equal(layout.errors[0].reg, 0x800);
-    assert_int_equal(layout.errors[0].bit, 9);
-    assert_string_equal(layout.errors[0].text, "TX Buffer FIFO Underflow");
-    assert_int_equal(layout.counter_count, 32);
-    assert_int_equal(layout.counters[25].high, 0x850);
-    assert_int_equal(layout.counters[25].low, 0x854);
+    ASSERT_EQ(lh_block_layout_of(LH_MOD_CAUI, &layout), 0);
+    ASSERT_EQ(layout.errors[0].reg, 0x800u);
+    ASSERT_EQ(layout.errors[0].bit, 9u);
+    ASSERT_STREQ(layout.errors[0].text, "TX Buffer FIFO Underflow");
+    ASSERT_EQ(layout.counter_count, 32u);
+    ASSERT_EQ(layout.counters[25].high, 0x850u);
+    ASSERT_EQ(layout.counters[25].low, 0x854u);
 }
 
-static void test_no_layout_without_a_module(void **state)
+TEST(LayoutTest, NoLayoutWithoutAModule)
 {
     struct lh_block_layout layout;
 
-    (void)state;
-    assert_int_equal(lh_block_layout_of(LH_MOD_END, &layout), -1);
-    assert_int_equal(lh_block_layout_of(0xFFFFFFFF, &layout), -1);
-    assert_int_equal(lh_block_layout_of(LH_MOD_CAUI, NULL), -1);
-}
-
-int main(void)
-{
-    const struct CMUnitTest tests[] = {
-        cmocka_unit_test(test_every_module_has_its_layout),
-        cmocka_unit_test(test_caui_tables),
-        cmocka_unit_test(test_no_layout_without_a_module),
-    };
-
-    return cmocka_run_group_tests(tests, NULL, NULL);
+    ASSERT_EQ(lh_block_layout_of(LH_MOD_END, &layout), -1);
+    ASSERT_EQ(lh_block_layout_of(0xFFFFFFFF, &layout), -1);
+    ASSERT_EQ(lh_block_layout_of(LH_MOD_CAUI, nullptr), -1);
 }

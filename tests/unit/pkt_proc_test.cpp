@@ -1,11 +1,14 @@
-/* Part 4.4: the ingress packet processor driver (pkt_proc) against a model
- * of the block's hardware: clear-on-read counters, a status register that
- * can change between reads, and a count of the reads of every register. */
-#include <stdbool.h>
-#include <string.h>
+/* The ingress packet processor driver (pkt_proc) against a model of the
+ * block's hardware: clear-on-read counters, a status register that can
+ * change between reads, and a count of the reads of every register. */
+#include <array>
+#include <cstdint>
+#include <cstring>
+#include <iterator>
+
+#include <gtest/gtest.h>
 
 #include "block_fixture.hpp"
-#include "cmocka_all.h"
 #include "fake_device.hpp"
 #include "lh_drivers.hpp"
 #include "lh_log.hpp"
@@ -13,19 +16,23 @@
 #include "mutex_wrap.hpp"
 #include "pkt_proc.hpp"
 
-/* Block registers, offsets from the block base (Part 4.4). */
-#define STATUS 0x00u
+namespace {
 
-#define STATS_BYTES 136
-#define COUNTERS    17
-/* Part 4.4's update_stats says 26, but its register map and statistics
- * table name 24 (0x20..0x44 and 0x50..0x84); the tables decide. */
-#define COUNTER_REGISTERS 24
-#define ERROR_ROWS        31
+/* Block registers, offsets from the block base. */
+constexpr uint32_t kStatus = 0x00;
 
-/* Part 4.4's statistics table: the register of bits 63..32 (0: none) and
- * the register of bits 31..0. */
-static const struct bt_counter counter_sources[COUNTERS] = {
+constexpr size_t kStatsBytes = 136;
+constexpr size_t kCounters = 17;
+/* The counter registers, as the register map and the statistics table
+ * name them: 0x20..0x44 and 0x50..0x84. */
+constexpr size_t kCounterRegisters = 24;
+constexpr size_t kErrorRows = 31;
+
+using Counters = std::array<uint64_t, kCounters>;
+
+/* The statistics table: the register of bits 63..32 (0: none) and the
+ * register of bits 31..0. */
+const bt_counter counter_sources[kCounters] = {
     {0x20, 0x24}, {0x28, 0x2C}, {0x30, 0x34}, {0x38, 0x3C}, {0x40, 0x44},
     {0x50, 0x54}, {0x58, 0x5C}, {0, 0x60},    {0, 0x64},    {0, 0x68},
     {0, 0x6C},    {0, 0x70},    {0, 0x74},    {0, 0x78},    {0, 0x7C},
@@ -34,142 +41,157 @@ static const struct bt_counter counter_sources[COUNTERS] = {
 
 /* Loads every counter register, and the two registers between them that
  * are not counters. */
-static void load_counters(int site, uint32_t poll)
+void load_counters(int site, uint32_t poll)
 {
     bt_load_counters(site, poll);
     bt_store(site, 0x48, bt_value_by_site(site, 0x48, poll));
     bt_store(site, 0x4C, bt_value_by_site(site, 0x4C, poll));
 }
 
-/* The processor blocks of the base window, pipe 0's and pipe 1's
- * (Part 2.4). */
-static const struct bt_layout layout = {
+/* The processor blocks of the base window, pipe 0's and pipe 1's. */
+const bt_layout layout = {
     .sites = {0x18000, 0x28000},
     .site_count = 2,
     .span = 0x100,
-    .status = {STATUS},
+    .status = {kStatus},
     .status_count = 1,
     .counters = counter_sources,
-    .counter_count = COUNTERS,
+    .counter_count = kCounters,
     .value = bt_value_by_site,
     .load = load_counters,
 };
 
-static const struct bt_driver pkt_proc = {
+const bt_driver pkt_proc = {
     .name = "Ingress Pkt Processor",
     .ops = &pkt_proc_ops,
     .device = &lh_desc_base_two_pipes,
-    .stats_bytes = STATS_BYTES,
+    .stats_bytes = kStatsBytes,
 };
 
-static const struct bt_call refusals[] = {
+const bt_call refusals[] = {
     BT_STATS_REFUSALS("clear stats", "fatal error detection"),
 };
 
-static const struct bt_call null_refusals[] = {
+const bt_call null_refusals[] = {
     {"get stats", LOG_ERR, -1, bt_null_get_stats_wrong_size},
     {"fatal error detection", LOG_ERR, 0, bt_null_fatal_error_detect},
 };
 
-/* Part 4.4's fatal error table, in test order. */
-static const struct bt_error_row error_rows[ERROR_ROWS] = {
-    {STATUS, 30, "Input Packet FIFO Double bit ECC error"},
-    {STATUS, 29, "Input Packet FIFO Overflow"},
-    {STATUS, 28, "Input Packet FIFO Underflow"},
-    {STATUS, 27, "Action Rule Instruction FIFO Double bit ECC error"},
-    {STATUS, 26, "Action Rule Instruction FIFO Overflow"},
-    {STATUS, 25, "Action Rule Instruction FIFO Underflow"},
-    {STATUS, 24, "Rwe Data FIFO Double bit ECC error"},
-    {STATUS, 23, "Rwe Data FIFO Overflow"},
-    {STATUS, 22, "Rwe Data FIFO Underflow"},
-    {STATUS, 21, "Checksum FIFO Double bit ECC error"},
-    {STATUS, 20, "Checksum FIFO Overflow"},
-    {STATUS, 19, "Checksum FIFO Underflow"},
-    {STATUS, 18, "Output Packet FIFO Double bit ECC error"},
-    {STATUS, 17, "Output Packet FIFO Overflow"},
-    {STATUS, 16, "Output Packet FIFO Underflow"},
-    {STATUS, 15, "Delete Replace Skip Insert FIFO Overflow"},
-    {STATUS, 14, "Delete Replace Skip Insert FIFO Underflow"},
-    {STATUS, 13, "Dh Shadow FIFO Overflow"},
-    {STATUS, 12, "Dh Shadow FIFO Underflow"},
-    {STATUS, 11, "Rwe Data Shadow FIFO Overflow"},
-    {STATUS, 10, "Rwe Data Shadow FIFO Underflow"},
-    {STATUS, 9, "Instruction Transform FIFO Overflow"},
-    {STATUS, 8, "Instruction Transform FIFO Underflow"},
-    {STATUS, 7, "Control Message FIFO Overflow"},
-    {STATUS, 6, "Control Message FIFO Underflow"},
-    {STATUS, 5, "Increase Decrease Command FIFO Overflow"},
-    {STATUS, 4, "Increase Decrease Command FIFO Underflow"},
-    {STATUS, 3, "Ingress Parser Packet Bus Missing SOP Error"},
-    {STATUS, 2, "Ingress Parser Packet Bus Missing EOP Error"},
-    {STATUS, 1, "Ingress Classification Packet Bus Missing SOP Error"},
-    {STATUS, 0, "Ingress Classification Packet Bus Missing EOP Error"},
+/* The block's fatal error table, in test order. */
+const bt_error_row error_rows[kErrorRows] = {
+    {kStatus, 30, "Input Packet FIFO Double bit ECC error"},
+    {kStatus, 29, "Input Packet FIFO Overflow"},
+    {kStatus, 28, "Input Packet FIFO Underflow"},
+    {kStatus, 27, "Action Rule Instruction FIFO Double bit ECC error"},
+    {kStatus, 26, "Action Rule Instruction FIFO Overflow"},
+    {kStatus, 25, "Action Rule Instruction FIFO Underflow"},
+    {kStatus, 24, "Rwe Data FIFO Double bit ECC error"},
+    {kStatus, 23, "Rwe Data FIFO Overflow"},
+    {kStatus, 22, "Rwe Data FIFO Underflow"},
+    {kStatus, 21, "Checksum FIFO Double bit ECC error"},
+    {kStatus, 20, "Checksum FIFO Overflow"},
+    {kStatus, 19, "Checksum FIFO Underflow"},
+    {kStatus, 18, "Output Packet FIFO Double bit ECC error"},
+    {kStatus, 17, "Output Packet FIFO Overflow"},
+    {kStatus, 16, "Output Packet FIFO Underflow"},
+    {kStatus, 15, "Delete Replace Skip Insert FIFO Overflow"},
+    {kStatus, 14, "Delete Replace Skip Insert FIFO Underflow"},
+    {kStatus, 13, "Dh Shadow FIFO Overflow"},
+    {kStatus, 12, "Dh Shadow FIFO Underflow"},
+    {kStatus, 11, "Rwe Data Shadow FIFO Overflow"},
+    {kStatus, 10, "Rwe Data Shadow FIFO Underflow"},
+    {kStatus, 9, "Instruction Transform FIFO Overflow"},
+    {kStatus, 8, "Instruction Transform FIFO Underflow"},
+    {kStatus, 7, "Control Message FIFO Overflow"},
+    {kStatus, 6, "Control Message FIFO Underflow"},
+    {kStatus, 5, "Increase Decrease Command FIFO Overflow"},
+    {kStatus, 4, "Increase Decrease Command FIFO Underflow"},
+    {kStatus, 3, "Ingress Parser Packet Bus Missing SOP Error"},
+    {kStatus, 2, "Ingress Parser Packet Bus Missing EOP Error"},
+    {kStatus, 1, "Ingress Classification Packet Bus Missing SOP Error"},
+    {kStatus, 0, "Ingress Classification Packet Bus Missing EOP Error"},
 };
 
-static struct reg_model *model;
+class PktProcTest : public BlockTest {
+protected:
+    void TearDown() override
+    {
+        mutex_init_fails = false;
+        BlockTest::TearDown();
+    }
 
-static void start(lh_device_desc *desc)
+    void start(lh_device_desc *desc) { model = bt_start(&layout, desc); }
+
+    void start_both_pipes()
+    {
+        start(&lh_desc_base_two_pipes);
+        bt_create(&pkt_proc, 0, 0);
+        bt_create(&pkt_proc, 1, 1);
+    }
+
+    /* The status register of `pipe` reads `status`, and a call reports
+     * `text`. */
+    static void expect_fatal(uint32_t pipe, uint32_t status, const char *text)
+    {
+        bt_store(static_cast<int>(pipe), kStatus, status);
+        bt_expect_fatal(&pkt_proc, pipe, text);
+    }
+
+    /* With `status`, pipe 0 reports nothing after reading the register
+     * once a row, and writes nothing. */
+    void expect_no_fatal(uint32_t status)
+    {
+        unsigned long writes = model->writes;
+
+        bt_store(0, kStatus, status);
+        bt_forget_reads();
+        bt_expect_no_fatal(&pkt_proc, 0);
+        ASSERT_EQ(bt_reads(0, kStatus), kErrorRows);
+        ASSERT_EQ(model->writes, writes);
+    }
+
+    reg_model *model = nullptr;
+};
+
+/* ---- Contexts never created before ---- */
+
+TEST_F(PktProcTest, MutexFailureLeavesContextInvalid)
 {
-    model = bt_start(&layout, desc);
-}
-
-static int teardown(void **state)
-{
-    mutex_init_fails = false;
-    return fake_device_teardown(state);
-}
-
-static void start_both_pipes(void)
-{
-    start(&lh_desc_base_two_pipes);
-    bt_create(&pkt_proc, 0, 0);
-    bt_create(&pkt_proc, 1, 1);
-}
-
-/* ---- Contexts never created before: these run first, in this order. ---- */
-
-static void test_mutex_failure_leaves_context_invalid(void **state)
-{
-    (void)state;
     start(&lh_desc_base_two_pipes);
     mutex_init_fails = true;
     bt_expect_mutex_failure(&pkt_proc, 0, bt_site_base(0));
     mutex_init_fails = false;
-    assert_int_equal(model->reads, 0);
-    assert_int_equal(model->writes, 0);
-    bt_expect_refusals(&pkt_proc, refusals, BT_ARRAY_SIZE(refusals), 0,
-                       "context");
+    ASSERT_EQ(model->reads, 0u);
+    ASSERT_EQ(model->writes, 0u);
+    bt_expect_refusals(&pkt_proc, refusals, std::size(refusals), 0, "context");
     expect_no_more_logs();
 }
 
-static void test_pipe_1_refused_on_one_pipe_device(void **state)
+TEST_F(PktProcTest, Pipe1RefusedOnOnePipeDevice)
 {
-    (void)state;
     start(&lh_desc_base_one_pipe);
     bt_expect_create_refused(&pkt_proc, 1, bt_site_base(1));
-    assert_int_equal(model->writes, 0);
-    bt_expect_refusals(&pkt_proc, refusals, BT_ARRAY_SIZE(refusals), 1,
-                       "context");
+    ASSERT_EQ(model->writes, 0u);
+    bt_expect_refusals(&pkt_proc, refusals, std::size(refusals), 1, "context");
     expect_no_more_logs();
 }
 
-static void test_exact_invalid_context_lines(void **state)
+TEST_F(PktProcTest, ExactInvalidContextLines)
 {
-    uint64_t stats[COUNTERS];
-    lh_fatal_error_t report;
+    Counters stats{};
+    lh_fatal_error_t report{};
 
-    (void)state;
     start(&lh_desc_base_one_pipe);
     pkt_proc_update_stats(1);
     expect_log(LOG_CRIT, "Error - Ingress Pkt Processor update stats - "
                          "invalid context 1");
-    assert_int_equal(pkt_proc_get_stats(1, stats, STATS_BYTES), -1);
+    ASSERT_EQ(pkt_proc_get_stats(1, stats.data(), kStatsBytes), -1);
     expect_log(LOG_CRIT, "Error - Ingress Pkt Processor get stats - "
                          "invalid context 1");
-    assert_int_equal(pkt_proc_clear_stats(1), -1);
+    ASSERT_EQ(pkt_proc_clear_stats(1), -1);
     expect_log(LOG_CRIT, "Error - Ingress Pkt Processor clear stats - "
                          "invalid context 1");
-    assert_int_equal(pkt_proc_fatal_error_detect(1, &report), 0);
+    ASSERT_EQ(pkt_proc_fatal_error_detect(1, &report), 0);
     expect_log(LOG_CRIT, "Error - Ingress Pkt Processor fatal error detection "
                          "- invalid context 1");
     expect_no_more_logs();
@@ -177,9 +199,9 @@ static void test_exact_invalid_context_lines(void **state)
 
 /* ---- Context creation ---- */
 
-static void test_ops_table_wires_the_operations(void **state)
+TEST_F(PktProcTest, OpsTableWiresTheOperations)
 {
-    static const struct lh_block_ops expected = {
+    static const lh_block_ops expected = {
         .context_create = pkt_proc_context_create,
         .update_stats = pkt_proc_update_stats,
         .get_stats = pkt_proc_get_stats,
@@ -187,56 +209,51 @@ static void test_ops_table_wires_the_operations(void **state)
         .fatal_error_detect = pkt_proc_fatal_error_detect,
     };
 
-    (void)state;
     bt_assert_ops(&pkt_proc_ops, &expected);
 }
 
-static void test_create_logs_the_created_line(void **state)
+TEST_F(PktProcTest, CreateLogsTheCreatedLine)
 {
-    (void)state;
     start(&lh_desc_base_two_pipes);
-    assert_int_equal(pkt_proc_context_create(0, bt_site_base(0)), 0);
+    ASSERT_EQ(pkt_proc_context_create(0, bt_site_base(0)), 0);
     expect_log(LOG_INFO,
                "Informational - Ingress Pkt Processor module 0 context "
                "created");
-    assert_int_equal(pkt_proc_context_create(1, bt_site_base(1)), 0);
+    ASSERT_EQ(pkt_proc_context_create(1, bt_site_base(1)), 0);
     expect_log(LOG_INFO,
                "Informational - Ingress Pkt Processor module 1 context "
                "created");
-    assert_int_equal(model->reads, 0);
-    assert_int_equal(model->writes, 0);
+    ASSERT_EQ(model->reads, 0u);
+    ASSERT_EQ(model->writes, 0u);
     expect_no_more_logs();
 }
 
-static void test_create_zeroes_the_counters(void **state)
+TEST_F(PktProcTest, CreateZeroesTheCounters)
 {
-    (void)state;
     start(&lh_desc_base_two_pipes);
     bt_create(&pkt_proc, 0, 0);
     bt_check_create_zeroes(&pkt_proc, 0, 0);
     expect_no_more_logs();
 }
 
-static void test_create_refusals(void **state)
+TEST_F(PktProcTest, CreateRefusals)
 {
-    (void)state;
     start(&lh_desc_base_two_pipes);
     bt_expect_create_refusals(&pkt_proc);
-    assert_int_equal(model->writes, 0);
+    ASSERT_EQ(model->writes, 0u);
     expect_no_more_logs();
 }
 
-static void test_create_before_initialisation(void **state)
+TEST_F(PktProcTest, CreateBeforeInitialisation)
 {
-    (void)state;
     bt_expect_create_before_init(&layout, &pkt_proc);
 }
 
 /* ---- Statistics ---- */
 
-static void test_every_counter_composed_from_its_registers(void **state)
+TEST_F(PktProcTest, EveryCounterComposedFromItsRegisters)
 {
-    static const uint64_t expected[COUNTERS] = {
+    static const Counters expected = {
         0x1000208510002481, 0x1000288D10002C89, 0x1000309510003491,
         0x1000389D10003C99, 0x100040E5100044E1, 0x100050F5100054F1,
         0x100058FD10005CF9, 0x00000000100060C5, 0x00000000100064C1,
@@ -245,68 +262,62 @@ static void test_every_counter_composed_from_its_registers(void **state)
         0x0000000010008025, 0x0000000010008421,
     };
 
-    (void)state;
     start(&lh_desc_base_two_pipes);
     bt_create(&pkt_proc, 0, 0);
-    bt_check_composition(&pkt_proc, 0, 0, expected, COUNTER_REGISTERS);
+    bt_check_composition(&pkt_proc, 0, 0, expected.data(), kCounterRegisters);
     expect_no_more_logs();
 }
 
-static void test_counters_accumulate_over_polls(void **state)
+TEST_F(PktProcTest, CountersAccumulateOverPolls)
 {
-    (void)state;
     start(&lh_desc_base_two_pipes);
     bt_create(&pkt_proc, 0, 0);
     bt_check_polls_accumulate(&pkt_proc, 0, 0);
-    bt_assert_counter_reads(0, 4, COUNTER_REGISTERS);
+    bt_assert_counter_reads(0, 4, kCounterRegisters);
     expect_no_more_logs();
 }
 
-static void test_counter_totals_wrap(void **state)
+TEST_F(PktProcTest, CounterTotalsWrap)
 {
-    static const struct bt_word all_ones[] = {
+    static const bt_word all_ones[] = {
         {0x20, 0xFFFFFFFF}, {0x24, 0xFFFFFFFF}, {0x60, 0xFFFFFFFF}};
-    static const struct bt_total totals[] = {{0, 0xFFFFFFFFFFFFFFFE},
-                                             {7, 0x1FFFFFFFE}};
+    static const bt_total totals[] = {{0, 0xFFFFFFFFFFFFFFFE},
+                                      {7, 0x1FFFFFFFE}};
 
-    (void)state;
     start(&lh_desc_base_two_pipes);
     bt_create(&pkt_proc, 0, 0);
-    bt_check_totals(&pkt_proc, 0, 0, all_ones, BT_ARRAY_SIZE(all_ones), totals,
-                    BT_ARRAY_SIZE(totals));
+    bt_check_totals(&pkt_proc, 0, 0, all_ones, std::size(all_ones), totals,
+                    std::size(totals));
     expect_no_more_logs();
 }
 
-static void test_clear_then_get_yields_zeros(void **state)
+TEST_F(PktProcTest, ClearThenGetYieldsZeros)
 {
-    (void)state;
     start(&lh_desc_base_two_pipes);
     bt_create(&pkt_proc, 0, 0);
     bt_check_clear(&pkt_proc, 0, 0);
     expect_no_more_logs();
 }
 
-static void test_get_stats_wants_exactly_136_bytes(void **state)
+TEST_F(PktProcTest, GetStatsWantsExactly136Bytes)
 {
     static const uint64_t sizes[] = {144, 135, 137, 0, 128};
-    uint8_t record[STATS_BYTES];
-    uint8_t untouched[STATS_BYTES];
+    std::array<uint8_t, kStatsBytes> record{};
+    std::array<uint8_t, kStatsBytes> untouched{};
 
-    (void)state;
     start(&lh_desc_base_two_pipes);
     bt_create(&pkt_proc, 0, 0);
     load_counters(0, 0);
     pkt_proc_update_stats(0);
-    bt_expect_wrong_sizes(&pkt_proc, 0, sizes, BT_ARRAY_SIZE(sizes));
-    memset(untouched, 0xEE, sizeof(untouched));
-    bt_get_stats(&pkt_proc, 0, record);
-    assert_memory_not_equal(record, untouched, STATS_BYTES);
+    bt_expect_wrong_sizes(&pkt_proc, 0, sizes, std::size(sizes));
+    untouched.fill(0xEE);
+    bt_get_stats(&pkt_proc, 0, record.data());
+    ASSERT_NE(record, untouched);
     expect_no_more_logs();
 }
 
-static void test_pipes_keep_their_own_counters(void **state)
+TEST_F(PktProcTest, PipesKeepTheirOwnCounters)
 {
-    (void)state;
     start_both_pipes();
     bt_check_pipes_apart(&pkt_proc, 2);
     expect_no_more_logs();
@@ -314,25 +325,17 @@ static void test_pipes_keep_their_own_counters(void **state)
 
 /* ---- Fatal error detection ---- */
 
-static void expect_fatal(uint32_t pipe, uint32_t status, const char *text)
+TEST_F(PktProcTest, EachErrorBitAloneReportsItsText)
 {
-    bt_store((int)pipe, STATUS, status);
-    bt_expect_fatal(&pkt_proc, pipe, text);
-}
-
-static void test_each_error_bit_alone_reports_its_text(void **state)
-{
-    (void)state;
     start_both_pipes();
     /* The status register is only ever read. */
-    bt_walk_error_rows(&pkt_proc, 0, 0, error_rows, ERROR_ROWS);
-    bt_walk_error_rows(&pkt_proc, 1, 1, error_rows, ERROR_ROWS);
+    bt_walk_error_rows(&pkt_proc, 0, 0, error_rows, kErrorRows);
+    bt_walk_error_rows(&pkt_proc, 1, 1, error_rows, kErrorRows);
     expect_no_more_logs();
 }
 
-static void test_first_set_bit_wins(void **state)
+TEST_F(PktProcTest, FirstSetBitWins)
 {
-    (void)state;
     start_both_pipes();
     expect_fatal(0, 1u << 30 | 1u << 0,
                  "Input Packet FIFO Double bit ECC error");
@@ -345,57 +348,44 @@ static void test_first_set_bit_wins(void **state)
     expect_no_more_logs();
 }
 
-static void expect_no_fatal(uint32_t status)
+TEST_F(PktProcTest, Bit31ReportsNothing)
 {
-    unsigned long writes = model->writes;
-
-    bt_store(0, STATUS, status);
-    bt_forget_reads();
-    bt_expect_no_fatal(&pkt_proc, 0);
-    assert_int_equal(bt_reads(0, STATUS), ERROR_ROWS);
-    assert_int_equal(model->writes, writes);
-}
-
-static void test_bit_31_reports_nothing(void **state)
-{
-    (void)state;
     start_both_pipes();
     expect_no_fatal(0);
     expect_no_fatal(1u << 31);
     expect_no_more_logs();
 }
 
-static void test_status_is_read_again_for_every_row(void **state)
+TEST_F(PktProcTest, StatusIsReadAgainForEveryRow)
 {
     /* Bit 0 only from the 31st read, the row of bit 0. */
-    uint32_t late[ERROR_ROWS] = {0};
+    std::array<uint32_t, kErrorRows> late{};
     /* Bit 0 at the first read only: gone when its row reads again. */
     static const uint32_t gone[] = {1u << 0, 0};
     /* Bits 30 and 29 from the second read on: found by bit 29's read. */
     static const uint32_t second[] = {0, 1u << 30 | 1u << 29};
-    lh_fatal_error_t report = {0, 0, NULL};
+    lh_fatal_error_t report = {0, 0, nullptr};
 
-    (void)state;
     start_both_pipes();
-    late[ERROR_ROWS - 1] = 1u << 0;
-    bt_script(STATUS, late, BT_ARRAY_SIZE(late));
-    assert_int_equal(pkt_proc_fatal_error_detect(0, &report), 1);
-    assert_string_equal(report.error_text,
-                        "Ingress Classification Packet Bus Missing EOP Error");
-    assert_int_equal(bt_reads(0, STATUS), ERROR_ROWS);
+    late.back() = 1u << 0;
+    bt_script(kStatus, late.data(), late.size());
+    ASSERT_EQ(pkt_proc_fatal_error_detect(0, &report), 1);
+    ASSERT_STREQ(report.error_text,
+                 "Ingress Classification Packet Bus Missing EOP Error");
+    ASSERT_EQ(bt_reads(0, kStatus), kErrorRows);
     expect_log(LOG_CRIT, "FATAL - Ingress Pkt Processor pipe 0: Ingress "
                          "Classification Packet Bus Missing EOP Error");
 
-    report.error_text = NULL;
-    bt_script(STATUS, gone, BT_ARRAY_SIZE(gone));
-    assert_int_equal(pkt_proc_fatal_error_detect(0, &report), 0);
-    assert_null(report.error_text);
-    assert_int_equal(bt_reads(0, STATUS), ERROR_ROWS);
+    report.error_text = nullptr;
+    bt_script(kStatus, gone, std::size(gone));
+    ASSERT_EQ(pkt_proc_fatal_error_detect(0, &report), 0);
+    ASSERT_EQ(report.error_text, nullptr);
+    ASSERT_EQ(bt_reads(0, kStatus), kErrorRows);
 
-    bt_script(STATUS, second, BT_ARRAY_SIZE(second));
-    assert_int_equal(pkt_proc_fatal_error_detect(0, &report), 1);
-    assert_string_equal(report.error_text, "Input Packet FIFO Overflow");
-    assert_int_equal(bt_reads(0, STATUS), 2);
+    bt_script(kStatus, second, std::size(second));
+    ASSERT_EQ(pkt_proc_fatal_error_detect(0, &report), 1);
+    ASSERT_STREQ(report.error_text, "Input Packet FIFO Overflow");
+    ASSERT_EQ(bt_reads(0, kStatus), 2u);
     expect_log(LOG_CRIT,
                "FATAL - Ingress Pkt Processor pipe 0: Input Packet FIFO "
                "Overflow");
@@ -404,73 +394,40 @@ static void test_status_is_read_again_for_every_row(void **state)
 
 /* ---- Refusals ---- */
 
-static void test_null_pointers_come_first(void **state)
+TEST_F(PktProcTest, NullPointersComeFirst)
 {
-    (void)state;
     start(&lh_desc_base_two_pipes);
-    bt_expect_null_refusals(&pkt_proc, null_refusals,
-                            BT_ARRAY_SIZE(null_refusals), 2);
+    bt_expect_null_refusals(&pkt_proc, null_refusals, std::size(null_refusals),
+                            2);
     expect_no_more_logs();
 }
 
-static void test_invalid_pipe_refused_by_every_operation(void **state)
+TEST_F(PktProcTest, InvalidPipeRefusedByEveryOperation)
 {
-    (void)state;
     start_both_pipes();
-    bt_expect_refusals(&pkt_proc, refusals, BT_ARRAY_SIZE(refusals), 2, "pipe");
+    bt_expect_refusals(&pkt_proc, refusals, std::size(refusals), 2, "pipe");
     expect_no_more_logs();
 }
 
-static void test_exact_invalid_pipe_lines(void **state)
+TEST_F(PktProcTest, ExactInvalidPipeLines)
 {
-    uint64_t stats[COUNTERS];
-    lh_fatal_error_t report;
+    Counters stats{};
+    lh_fatal_error_t report{};
 
-    (void)state;
     start(&lh_desc_base_two_pipes);
     pkt_proc_update_stats(2);
     expect_log(LOG_CRIT, "Error - Ingress Pkt Processor update stats - "
                          "invalid pipe 2");
-    assert_int_equal(pkt_proc_get_stats(3, stats, STATS_BYTES), -1);
+    ASSERT_EQ(pkt_proc_get_stats(3, stats.data(), kStatsBytes), -1);
     expect_log(LOG_CRIT, "Error - Ingress Pkt Processor get stats - "
                          "invalid pipe 3");
-    assert_int_equal(pkt_proc_clear_stats(2), -1);
+    ASSERT_EQ(pkt_proc_clear_stats(2), -1);
     expect_log(LOG_CRIT, "Error - Ingress Pkt Processor clear stats - "
                          "invalid pipe 2");
-    assert_int_equal(pkt_proc_fatal_error_detect(2, &report), 0);
+    ASSERT_EQ(pkt_proc_fatal_error_detect(2, &report), 0);
     expect_log(LOG_CRIT, "Error - Ingress Pkt Processor fatal error detection "
                          "- invalid pipe 2");
     expect_no_more_logs();
 }
 
-int main(void)
-{
-#define T(name) cmocka_unit_test_teardown(name, teardown)
-    const struct CMUnitTest never_created[] = {
-        T(test_mutex_failure_leaves_context_invalid),
-        T(test_pipe_1_refused_on_one_pipe_device),
-        T(test_exact_invalid_context_lines),
-    };
-    const struct CMUnitTest tests[] = {
-        T(test_ops_table_wires_the_operations),
-        T(test_create_logs_the_created_line),
-        T(test_create_zeroes_the_counters),
-        T(test_create_refusals),
-        T(test_create_before_initialisation),
-        T(test_every_counter_composed_from_its_registers),
-        T(test_counters_accumulate_over_polls),
-        T(test_counter_totals_wrap),
-        T(test_clear_then_get_yields_zeros),
-        T(test_get_stats_wants_exactly_136_bytes),
-        T(test_pipes_keep_their_own_counters),
-        T(test_each_error_bit_alone_reports_its_text),
-        T(test_first_set_bit_wins),
-        T(test_bit_31_reports_nothing),
-        T(test_status_is_read_again_for_every_row),
-        T(test_null_pointers_come_first),
-        T(test_invalid_pipe_refused_by_every_operation),
-        T(test_exact_invalid_pipe_lines),
-    };
-
-    return BT_RUN_GROUPS("ingress packet processor", never_created, tests);
-}
+} // namespace

@@ -1,48 +1,54 @@
-/* Part 2.6: one poll scan over the module list, fatal reports, FAILED
- * marking, the dump and the callback. */
+/* One poll scan over the module list, fatal reports, FAILED marking, the
+ * dump and the callback. */
 #include <dirent.h>
+#include <stdint.h>
 #include <string.h>
 #include <unistd.h>
 
-#include "cmocka_all.h"
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
 #include "fake_device.hpp"
 #include "lh_log.hpp"
 #include "log_expect.hpp"
 #include "private_tmp.hpp"
 
 #define LOGS "/opt/orvel/platform/logs"
-#define CAUI1_FATAL (0x20000 + 0x800)
-#define PARSER0_COUNTER (0x16000 + 0x50)
 
-int __wrap_system(const char *command)
+/* The LHX PCI command write is not run. */
+extern "C" int __wrap_system(const char *command)
 {
     (void)command;
     return 0;
 }
 
-static lh_fatal_error_t reports[4];
-static int report_count;
+namespace {
 
-static void record_report(lh_fatal_error_t report)
+constexpr uint32_t caui1_fatal = 0x20000 + 0x800;
+constexpr uint32_t parser0_counter = 0x16000 + 0x50;
+
+/* What the callbacks were given. */
+std::vector<lh_fatal_error_t> reports;
+int other_reports;
+
+void record_report(lh_fatal_error_t report) noexcept
 {
-    if (report_count < 4)
-        reports[report_count] = report;
-    report_count++;
+    reports.push_back(report);
 }
 
-static int other_reports;
-
-static void record_other(lh_fatal_error_t report)
+void record_other(lh_fatal_error_t report) noexcept
 {
     (void)report;
     other_reports++;
 }
 
-static unsigned int reads_at[2];
-static uint32_t watched[2];
+/* Reads of the CAUI 1 fatal-error register and of a parser 0 counter. */
+constexpr uint32_t watched[2] = { caui1_fatal, parser0_counter };
+unsigned int reads_at[2];
 
-static uint32_t count_reads(struct reg_model *model, uint32_t offset,
-                            uint32_t stored)
+uint32_t count_reads(reg_model *model, uint32_t offset, uint32_t stored)
 {
     (void)model;
     for (int i = 0; i < 2; i++)
@@ -51,150 +57,152 @@ static uint32_t count_reads(struct reg_model *model, uint32_t offset,
     return stored;
 }
 
-static int count_dumps(void)
+/* The dump files in the log directory, or -1 when it cannot be read. */
+int count_dumps()
 {
     DIR *dir = opendir(LOGS);
     struct dirent *entry;
     int count = 0;
 
-    assert_non_null(dir);
-    while ((entry = readdir(dir)) != NULL)
+    EXPECT_NE(dir, nullptr) << LOGS;
+    if (dir == nullptr)
+        return -1;
+    while ((entry = readdir(dir)) != nullptr)
         count += strncmp(entry->d_name, "lark_hollow_dump__", 18) == 0;
     closedir(dir);
     return count;
 }
 
-static void remove_dumps(void)
+void remove_dumps()
 {
     DIR *dir = opendir(LOGS);
     struct dirent *entry;
-    char path[512];
 
-    while (dir != NULL && (entry = readdir(dir)) != NULL) {
+    if (dir == nullptr)
+        return;
+    while ((entry = readdir(dir)) != nullptr) {
         if (entry->d_name[0] == '.')
             continue;
-        snprintf(path, sizeof(path), LOGS "/%s", entry->d_name);
-        unlink(path);
+        unlink((std::string(LOGS "/") + entry->d_name).c_str());
     }
-    if (dir != NULL)
-        closedir(dir);
+    closedir(dir);
 }
 
-/* A base two-pipe device with its block contexts created. */
-static struct reg_model *bring_up(lh_device_desc *desc)
-{
-    struct reg_model *model = fake_device_install(desc, 0);
+} // namespace
 
-    assert_int_equal(desc == &lh_desc_lhx ? lh_lhx_device_init()
-                                          : lh_base_device_init(),
-                     0);
-    watched[0] = CAUI1_FATAL;
-    watched[1] = PARSER0_COUNTER;
-    reads_at[0] = reads_at[1] = 0;
-    model->on_read = count_reads;
-    report_count = 0;
-    other_reports = 0;
-    log_expect_start(&lh_log_file);
-    return model;
-}
+class PollTest : public PrivateDirsTest {
+protected:
+    void TearDown() override
+    {
+        if (IsSkipped())
+            return;
+        lh_register_fatal_error_cb(nullptr);
+        remove_dumps();
+        fake_device_stop();
+    }
 
-static int teardown(void **state)
-{
-    lh_register_fatal_error_cb(NULL);
-    remove_dumps();
-    return fake_device_teardown(state);
-}
+    /* A device with its block contexts created, the watched registers
+     * counted, no report yet. */
+    static reg_model *bring_up(lh_device_desc *desc)
+    {
+        reg_model *model = fake_device_install(desc, 0);
 
-static void test_fatal_block_is_failed_dumped_and_reported_once(void **state)
+        EXPECT_EQ(desc == &lh_desc_lhx ? lh_lhx_device_init()
+                                       : lh_base_device_init(),
+                  0);
+        reads_at[0] = reads_at[1] = 0;
+        model->on_read = count_reads;
+        reports.clear();
+        other_reports = 0;
+        log_expect_start(&lh_log_file);
+        return model;
+    }
+};
+
+TEST_F(PollTest, FatalBlockIsFailedDumpedAndReportedOnce)
 {
-    struct reg_model *model = bring_up(&lh_desc_base_two_pipes);
-    lh_fatal_error_t report = { 0, 0, NULL };
+    reg_model *model = bring_up(&lh_desc_base_two_pipes);
+    lh_fatal_error_t report = { 0, 0, nullptr };
     lh_module_entry caui1 = { LH_MOD_CAUI, 1 };
     uint8_t module_state = 0;
 
-    (void)state;
     lh_register_fatal_error_cb(record_report);
-    reg_model_store(model, CAUI1_FATAL, 1u << 9);
+    reg_model_store(model, caui1_fatal, 1u << 9);
     lh_sys_poll_scan(&lh_desc_base_two_pipes, &report);
     expect_log(LOG_CRIT, "FATAL - CAUI pipe 1: TX Buffer FIFO Underflow");
     expect_no_more_logs();
-    assert_int_equal(report_count, 1);
-    assert_int_equal(reports[0].module_id, LH_MOD_CAUI);
-    assert_int_equal(reports[0].pipe, 1);
-    assert_string_equal(reports[0].error_text, "TX Buffer FIFO Underflow");
-    assert_int_equal(lh_get_module_state(caui1, &module_state), 0);
-    assert_int_equal(module_state, 1);
-    assert_int_equal(count_dumps(), 1);
+    ASSERT_EQ(reports.size(), 1u);
+    ASSERT_EQ(reports[0].module_id, static_cast<uint32_t>(LH_MOD_CAUI));
+    ASSERT_EQ(reports[0].pipe, 1u);
+    ASSERT_STREQ(reports[0].error_text, "TX Buffer FIFO Underflow");
+    ASSERT_EQ(lh_get_module_state(caui1, &module_state), 0);
+    ASSERT_EQ(module_state, 1);
+    ASSERT_EQ(count_dumps(), 1);
     /* The parser after it was polled in the same scan: one read by the
      * dump of the whole window, one by its update. */
-    assert_int_equal(reads_at[1], 2);
+    ASSERT_EQ(reads_at[1], 2u);
 
     /* Never called again: no read, no report, no second dump. */
     reads_at[0] = 0;
     lh_sys_poll_scan(&lh_desc_base_two_pipes, &report);
-    assert_int_equal(reads_at[0], 0);
-    assert_int_equal(reads_at[1], 3);
-    assert_int_equal(report_count, 1);
-    assert_int_equal(count_dumps(), 1);
+    ASSERT_EQ(reads_at[0], 0u);
+    ASSERT_EQ(reads_at[1], 3u);
+    ASSERT_EQ(reports.size(), 1u);
+    ASSERT_EQ(count_dumps(), 1);
     expect_no_more_logs();
 }
 
-static void test_without_callback_state_and_dump_still_happen(void **state)
+TEST_F(PollTest, WithoutCallbackStateAndDumpStillHappen)
 {
-    struct reg_model *model = bring_up(&lh_desc_base_two_pipes);
-    lh_fatal_error_t report = { 0, 0, NULL };
+    reg_model *model = bring_up(&lh_desc_base_two_pipes);
+    lh_fatal_error_t report = { 0, 0, nullptr };
 
-    (void)state;
-    lh_register_fatal_error_cb(NULL);
-    reg_model_store(model, CAUI1_FATAL, 1u << 1);
+    lh_register_fatal_error_cb(nullptr);
+    reg_model_store(model, caui1_fatal, 1u << 1);
     lh_sys_poll_scan(&lh_desc_base_two_pipes, &report);
     expect_log(LOG_CRIT, "FATAL - CAUI pipe 1: CAUI IP TX Underflow");
-    assert_int_equal(atomic_load(&lh_module_state[LH_MOD_CAUI][1]), 1);
-    assert_int_equal(count_dumps(), 1);
+    ASSERT_EQ(lh_module_state[LH_MOD_CAUI][1].load(), 1);
+    ASSERT_EQ(count_dumps(), 1);
 }
 
-static void test_later_callback_replaces_the_earlier(void **state)
+TEST_F(PollTest, LaterCallbackReplacesTheEarlier)
 {
-    struct reg_model *model = bring_up(&lh_desc_lhx);
-    lh_fatal_error_t report = { 0, 0, NULL };
+    reg_model *model = bring_up(&lh_desc_lhx);
+    lh_fatal_error_t report = { 0, 0, nullptr };
 
-    (void)state;
     lh_register_fatal_error_cb(record_report);
     lh_register_fatal_error_cb(record_other);
     reg_model_store(model, 0x10000 + 0x1000, 1u << 0);
     lh_sys_poll_scan(&lh_desc_lhx, &report);
     expect_log(LOG_CRIT, "FATAL - Eth pipe 0: Eth IP TX Underflow");
-    assert_int_equal(report_count, 0);
-    assert_int_equal(other_reports, 1);
+    ASSERT_EQ(reports.size(), 0u);
+    ASSERT_EQ(other_reports, 1);
 }
 
-static void test_failed_module_is_skipped_without_any_call(void **state)
+TEST_F(PollTest, FailedModuleIsSkippedWithoutAnyCall)
 {
-    struct reg_model *model = bring_up(&lh_desc_base_two_pipes);
-    lh_fatal_error_t report = { 0, 0, NULL };
+    reg_model *model = bring_up(&lh_desc_base_two_pipes);
+    lh_fatal_error_t report = { 0, 0, nullptr };
 
-    (void)state;
     lh_register_fatal_error_cb(record_report);
-    atomic_store(&lh_module_state[LH_MOD_CAUI][1], 1);
-    reg_model_store(model, CAUI1_FATAL, 1u << 9);
+    lh_module_state[LH_MOD_CAUI][1].store(1);
+    reg_model_store(model, caui1_fatal, 1u << 9);
     lh_sys_poll_scan(&lh_desc_base_two_pipes, &report);
-    assert_int_equal(reads_at[0], 0);
-    assert_int_equal(report_count, 0);
-    assert_int_equal(count_dumps(), 0);
+    ASSERT_EQ(reads_at[0], 0u);
+    ASSERT_EQ(reports.size(), 0u);
+    ASSERT_EQ(count_dumps(), 0);
     expect_no_more_logs();
 }
 
-static void test_unknown_module_id_in_the_list(void **state)
+TEST_F(PollTest, UnknownModuleIdInTheList)
 {
     static const lh_module_entry odd_list[] = {
         { 16, 0 }, { LH_MOD_CAUI, 0 }, { LH_MOD_END, 0 }
     };
-    lh_device_desc odd;
-    lh_fatal_error_t report = { 0, 0, NULL };
+    lh_fatal_error_t report = { 0, 0, nullptr };
 
-    (void)state;
     bring_up(&lh_desc_base_two_pipes);
-    odd = lh_desc_base_two_pipes;
+    lh_device_desc odd = lh_desc_base_two_pipes;
     odd.module_list = odd_list;
     lh_sys_poll_scan(&odd, &report);
     expect_log(LOG_ERR,
@@ -202,19 +210,17 @@ static void test_unknown_module_id_in_the_list(void **state)
     expect_no_more_logs();
 }
 
-static void test_no_fatal_result_runs_the_updates(void **state)
+TEST_F(PollTest, NoFatalResultRunsTheUpdates)
 {
-    /* No test here creates the LHX parser's pipe 1: detection refuses it
+    /* Nothing creates the LHX parser's pipe 1: detection refuses it
      * (result 0), and the update runs and refuses it too. */
     static const lh_module_entry list[] = {
         { LH_MOD_LHX_INGRESS_PKT_PARSER, 1 }, { LH_MOD_END, 0 }
     };
-    lh_device_desc odd;
-    lh_fatal_error_t report = { 0, 0, NULL };
+    lh_fatal_error_t report = { 0, 0, nullptr };
 
-    (void)state;
     bring_up(&lh_desc_base_one_pipe);
-    odd = lh_desc_base_one_pipe;
+    lh_device_desc odd = lh_desc_base_one_pipe;
     odd.module_list = list;
     lh_sys_poll_scan(&odd, &report);
     expect_log(LOG_CRIT, "Error - LHX Ingress Pkt Parser fatal error "
@@ -222,21 +228,4 @@ static void test_no_fatal_result_runs_the_updates(void **state)
     expect_log(LOG_CRIT, "Error - LHX Ingress Pkt Parser update stats - "
                          "invalid context 1");
     expect_no_more_logs();
-}
-
-int main(void)
-{
-#define T(name) cmocka_unit_test_teardown(name, teardown)
-    const struct CMUnitTest tests[] = {
-        T(test_fatal_block_is_failed_dumped_and_reported_once),
-        T(test_without_callback_state_and_dump_still_happen),
-        T(test_later_callback_replaces_the_earlier),
-        T(test_failed_module_is_skipped_without_any_call),
-        T(test_unknown_module_id_in_the_list),
-        T(test_no_fatal_result_runs_the_updates),
-    };
-
-    if (enter_private_dirs() != 0)
-        return 1;
-    return cmocka_run_group_tests(tests, NULL, NULL);
 }
