@@ -27,8 +27,18 @@ constexpr const char *month_names[] = {"Jan", "Feb", "Mar", "Apr",
 constexpr size_t short_line_size = 2048;
 
 /* A reader busy with a burst gets this long to make room before a line is
- * dropped; once one is, no line waits until one goes through again. */
+ * dropped; after a drop no line waits for a while, so that a reader that
+ * has stopped or crawls costs the sender nothing. */
 constexpr int catch_up_ms = 250;
+constexpr int64_t no_wait_after_drop_ms = 10000;
+
+int64_t now_ms()
+{
+    struct timespec now {};
+
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
+}
 
 /* errno as the caller left it, given back when the object goes. */
 class ErrnoKeeper {
@@ -142,12 +152,11 @@ void SyslogSender::send(int severity, const char *ident, const char *format,
     const Line line(pri, ident, keeper.saved(), format, args);
     const Hold hold(&lock_);
 
-    if (dropped_ > 0 && !report_dropped(pri, ident)) {
+    if ((dropped_ > 0 && !report_dropped(pri, ident)) ||
+        send_line(line.data(), line.length()) == Sent::full) {
         dropped_++;
-        return;
+        waits_from_ms_ = now_ms() + no_wait_after_drop_ms;
     }
-    if (send_line(line.data(), line.length()) == Sent::full)
-        dropped_++;
 }
 
 uint64_t SyslogSender::dropped()
@@ -192,7 +201,8 @@ SyslogSender::Sent SyslogSender::send_line(const char *line, size_t length)
     const bool was_connected = fd_ >= 0;
     Sent sent = send_once(line, length);
 
-    if (sent == Sent::full && dropped_ == 0 && reader_made_room())
+    if (sent == Sent::full && now_ms() >= waits_from_ms_ &&
+        reader_made_room())
         sent = send_once(line, length);
     if (sent == Sent::failed && was_connected) {
         disconnect();

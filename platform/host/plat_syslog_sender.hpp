@@ -1,8 +1,9 @@
 /* The sender behind plat_syslog: lines in the form syslog(3) writes
  * ("<pri>Mmm dd hh:mm:ss ident[pid]: text"), sent to the log socket without
  * waiting for a reader that has stopped. A line the socket cannot take
- * after a short wait is dropped and counted, and later lines do not wait;
- * the next line that goes through is preceded by one giving the count. */
+ * after a short wait is dropped and counted, and for a while later lines
+ * do not wait; the next line that goes through is preceded by one giving
+ * the count. */
 #ifndef PLAT_SYSLOG_SENDER_HPP
 #define PLAT_SYSLOG_SENDER_HPP
 
@@ -46,6 +47,7 @@ private:
     int fd_ = -1;
     bool stream_ = false; /* the socket only takes streams */
     uint64_t dropped_ = 0;
+    int64_t waits_from_ms_ = 0; /* monotonic; no wait for room before */
 };
 
 } // namespace plat

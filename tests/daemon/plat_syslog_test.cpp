@@ -16,6 +16,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <optional>
 #include <string>
@@ -231,6 +232,30 @@ TEST(SyslogSender, BurstToABusyReaderIsNotLost)
     EXPECT_EQ(sender.dropped(), 0u);
     ASSERT_EQ(received.size(), 100u);
     EXPECT_NE(received.back().find("]: burst 99"), std::string::npos);
+}
+
+TEST(SyslogSender, BurstSoonAfterADropDoesNotWaitForTheReader)
+{
+    const std::string path = socket_path("soon");
+    Reader reader(path);
+    ASSERT_GE(reader.fd(), 0) << strerror(errno);
+    plat::SyslogSender sender(path.c_str());
+
+    fill_and_drop(sender, 1);
+    reader.drain();
+    send(sender, LOG_INFO, "ident", "delivered again");
+    ASSERT_EQ(reader.drain().size(), 2u);
+    std::atomic<bool> sending{true};
+    std::thread busy([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        while (sending)
+            reader.drain();
+    });
+    for (int i = 0; i < 100; i++)
+        send(sender, LOG_INFO, "ident", "burst %d", i);
+    sending = false;
+    busy.join();
+    EXPECT_GT(sender.dropped(), 0u);
 }
 
 TEST(SyslogSender, CountIsReportedOnce)
