@@ -219,6 +219,7 @@ public:
     Spawned(const Spawned &) = delete;
     Spawned &operator=(const Spawned &) = delete;
     bool ok() const { return pid_ > 0; }
+    pid_t pid() const { return pid_; }
 
 private:
     pid_t pid_ = -1;
@@ -320,7 +321,31 @@ constexpr Case cases[] = {
 
 constexpr int client_counts[] = {1, 8};
 
+/* The CPU time a process has used so far, in clock ticks. */
+long cpu_ticks(pid_t pid)
+{
+    char path[64];
+    char text[1024] = "";
+    long user = 0, system = 0;
+
+    snprintf(path, sizeof(path), "/proc/%d/stat", static_cast<int>(pid));
+    FILE *stat = fopen(path, "r");
+    if (stat == nullptr)
+        return 0;
+    const size_t got = fread(text, 1, sizeof(text) - 1, stat);
+    fclose(stat);
+    text[got] = '\0';
+    /* Fields 14 and 15 (utime, stime) follow the command's closing ')'. */
+    const char *fields = strrchr(text, ')');
+    if (fields == nullptr ||
+        sscanf(fields + 1, " %*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u "
+                           "%ld %ld", &user, &system) != 2)
+        return 0;
+    return user + system;
+}
+
 struct Turn {
+    size_t requests = 0;
     double rps = 0;
     double p99_us = 0;
     long errors = 0;
@@ -388,6 +413,7 @@ Turn run_turn(const std::string &path, const Case &what, int clients)
     if (all.empty())
         return turn;
     const auto elapsed = std::chrono::duration<double>(turn_length).count();
+    turn.requests = all.size();
     turn.rps = static_cast<double>(all.size()) / elapsed;
     const size_t p99 = all.size() * 99 / 100;
     std::nth_element(all.begin(), all.begin() + p99, all.end());
@@ -437,6 +463,9 @@ int run_bench(const char *self, bool verbose)
         for (int clients : client_counts) {
             std::vector<double> rps[2], p99[2], rps_ratio, p99_ratio;
             const std::string paths[2] = {daemon_path, floor_path};
+            const pid_t pids[2] = {daemon.pid(), floor.pid()};
+            long ticks[2] = {0, 0};
+            size_t requests[2] = {0, 0};
             run_turn(daemon_path, what, clients); /* warm-up */
             run_turn(floor_path, what, clients);
             for (int round = 0; round < rounds; round++) {
@@ -444,7 +473,10 @@ int run_bench(const char *self, bool verbose)
                 /* Who goes first alternates too. */
                 for (int step = 0; step < 2; step++) {
                     const int side = (round + step) % 2;
+                    const long ticks_before = cpu_ticks(pids[side]);
                     turns[side] = run_turn(paths[side], what, clients);
+                    ticks[side] += cpu_ticks(pids[side]) - ticks_before;
+                    requests[side] += turns[side].requests;
                     rps[side].push_back(turns[side].rps);
                     p99[side].push_back(turns[side].p99_us);
                     errors += turns[side].errors;
@@ -465,6 +497,16 @@ int run_bench(const char *self, bool verbose)
             print(name + "_daemon_p99", median(p99[0]), "us");
             print(name + "_floor_p99", median(p99[1]), "us");
             print(name + "_p99_ratio", median(p99_ratio), "daemon/floor");
+            /* The server's own CPU time per request over all rounds: what
+             * bounds throughput when the cores are busy. */
+            const double tick_us =
+                1e6 / static_cast<double>(sysconf(_SC_CLK_TCK));
+            print(name + "_daemon_cpu", ticks[0] * tick_us /
+                      static_cast<double>(std::max<size_t>(requests[0], 1)),
+                  "us/req");
+            print(name + "_floor_cpu", ticks[1] * tick_us /
+                      static_cast<double>(std::max<size_t>(requests[1], 1)),
+                  "us/req");
         }
     printf("errors: %ld requests\n", errors);
     return errors == 0 ? 0 : 1;
