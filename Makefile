@@ -45,12 +45,13 @@ test-tsan: bootstrap
 	ctest --test-dir $(BUILD)-tsan --output-on-failure -j $(JOBS)
 
 # The poll-cycle benchmark: time per cycle, register accesses per cycle and
-# the time per access they give.
+# the time per access they give; then IPC round trips beside their floor.
 bench: build
 	@accesses=$$($(BUILD)/bench/bench_poll_accesses) && \
 	cycle=$$($(BUILD)/bench/bench_poll_cycle) && \
 	echo "$$cycle" && echo "$$accesses" && \
 	echo "$$cycle $$accesses" | awk '{ printf "per_access: %.2f ns\n", $$2 * 1000 / $$5 }'
+	@$(BUILD)/bench/bench_ipc
 
 clean:
 	rm -rf $(BUILD) $(BUILD)-asan $(BUILD)-tsan

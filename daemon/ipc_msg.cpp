@@ -1,7 +1,7 @@
 #include "ipc_msg.hpp"
 
 /* Indexed by error code; codes begin at 1. */
-static const char *const error_texts[] = {
+constexpr const char *error_texts[] = {
     nullptr,
     "INVALID LENGTH",
     "NULL PAYLOAD",

@@ -10,15 +10,17 @@
 #include "plm_log.hpp"
 #include "thread_monitor.hpp"
 
-#define ERROR_PAYLOAD_SIZE 12
-#define WAIT_FOREVER (-1)
+namespace {
 
-uint64_t plm_ipc_context;
-static pthread_t ipc_thread;
+constexpr uint32_t error_payload_size = 12;
+constexpr int wait_forever = -1;
 
-/* The reply's record: addresses swapped, the request's op id. */
-static void send_record(const plm_ipc_msg *request, uint32_t op_id,
-                        void *payload, uint32_t length, int *result)
+constinit pthread_t ipc_thread = {};
+
+/* The reply's record: addresses swapped, the request's op id. Returns what
+ * ipc_send returned. */
+int send_record(const plm_ipc_msg *request, uint32_t op_id, void *payload,
+                uint32_t length)
 {
     plm_ipc_msg reply = {
         .addr0 = request->addr1,
@@ -32,15 +34,18 @@ static void send_record(const plm_ipc_msg *request, uint32_t op_id,
         .payload = payload,
     };
 
-    *result = ipc_send(plm_ipc_context, &reply, 1);
+    return ipc_send(plm_ipc_context, &reply, 1);
 }
+
+} // namespace
+
+constinit uint64_t plm_ipc_context = 0;
 
 void plm_send_reply(const plm_ipc_msg *request, void *payload,
                     uint32_t length)
 {
-    int result;
+    const int result = send_record(request, request->op_id, payload, length);
 
-    send_record(request, request->op_id, payload, length, &result);
     if (result != 0)
         plm_log(LOG_ERR, "%s: PLM IPC request - send failure %d",
                 PLM_TAG(ERROR), result);
@@ -48,14 +53,11 @@ void plm_send_reply(const plm_ipc_msg *request, void *payload,
 
 void plm_send_error_msg(plm_ipc_msg *msg, uint32_t code)
 {
-    uint32_t *payload;
-    int result;
-
     if (msg == NULL) {
         plm_log(LOG_ERR, "PLM send error message: %s", PLM_TAG(NULL_POINTER));
         return;
     }
-    payload = static_cast<uint32_t*>(calloc(1, ERROR_PAYLOAD_SIZE));
+    auto *payload = static_cast<uint32_t *>(calloc(1, error_payload_size));
     if (payload == NULL) {
         plm_log(LOG_ERR, "%s: PLM send error message", PLM_TAG(NO_MEMORY));
         return;
@@ -63,7 +65,9 @@ void plm_send_error_msg(plm_ipc_msg *msg, uint32_t code)
     payload[0] = msg->op_id;
     payload[1] = msg->payload_len;
     payload[2] = code;
-    send_record(msg, PLM_IPC_OP_ERROR, payload, ERROR_PAYLOAD_SIZE, &result);
+    /* The transport takes the payload whatever the result. */
+    const int result =
+        send_record(msg, PLM_IPC_OP_ERROR, payload, error_payload_size);
     if (result != 0)
         plm_log(LOG_ERR, "%s: PLM send error message - send failure %d",
                 PLM_TAG(ERROR), result);
@@ -102,24 +106,25 @@ void plm_ipc_server_callback(void *unused, plm_ipc_msg *msg)
     plm_process_ipc_msg(msg);
 }
 
+namespace {
+
 /* Receives forever; the callback runs inside ipc_recv. */
-static void serve_requests(void)
+void serve_requests(void)
 {
-    plm_ipc_msg msg;
-
     for (;;) {
-        int result;
+        plm_ipc_msg msg = {};
+        const int result = ipc_recv(plm_ipc_context, &msg, wait_forever);
 
-        memset(&msg, 0, sizeof(msg));
-        result = ipc_recv(plm_ipc_context, &msg, WAIT_FOREVER);
         if (result == 0) {
-            free(msg.payload);
+            const plm::Payload received(static_cast<uint8_t *>(msg.payload));
             continue;
         }
         plm_log(LOG_ERR, "Error during ipc_recv: %d", result);
         ipc_debug_msg(&msg);
     }
 }
+
+} // namespace
 
 void *plm_ipc_server_thread(void *arg)
 {

@@ -6,8 +6,23 @@
 
 #include <stdbool.h>
 #include <stdint.h>
+#include <stdlib.h>
+
+#include <memory>
 
 #include "ipc_msg.hpp"
+
+namespace plm {
+
+struct FreeDeleter {
+    void operator()(void *bytes) const { free(bytes); }
+};
+
+/* A payload that crosses the transport's C interface: malloc-backed, freed
+ * with its owner unless released to a reply. */
+using Payload = std::unique_ptr<uint8_t, FreeDeleter>;
+
+} // namespace plm
 
 /* The daemon's IPC context, written once by the IPC thread. */
 extern uint64_t plm_ipc_context;

@@ -4,7 +4,7 @@
 
 #include "lh_fpga.h"
 
-static const plm_qos_default plm_qos_default_table[PLM_QOS_DEFAULT_COUNT] = {
+constexpr plm_qos_default plm_qos_default_table[PLM_QOS_DEFAULT_COUNT] = {
     { 0, 5, LH_QOS_PRIO_HIGH }, { 0, 4, LH_QOS_PRIO_MED },
     { 0, 3, LH_QOS_PRIO_MED },  { 0, 2, LH_QOS_PRIO_LOW },
     { 0, 0, LH_QOS_PRIO_LOW },  { 1, 5, LH_QOS_PRIO_HIGH },

@@ -8,16 +8,25 @@
 #include "plm_log.hpp"
 #include "thread_monitor.hpp"
 
-#define POLL_INTERVAL_US 500000
+#include <memory>
 
-std::atomic<uint8_t> plm_fatal_flag;
-std::atomic<uint8_t> plm_fatal_reported;
-static pthread_t poll_thread;
+#include "ipc_server.hpp"
 
-static const char *pipe_state_name(uint8_t state)
+constinit std::atomic<uint8_t> plm_fatal_flag{0};
+constinit std::atomic<uint8_t> plm_fatal_reported{0};
+
+namespace {
+
+constexpr useconds_t poll_interval_us = 500000;
+
+constinit pthread_t poll_thread = {};
+
+const char *pipe_state_name(uint8_t state)
 {
     return state != 0 ? "UP" : "DOWN";
 }
+
+} // namespace
 
 void plm_fatal_error_handler(lh_fatal_error_t report)
 {
@@ -102,16 +111,15 @@ uint8_t *plm_sys_poll_setup(uint32_t *count_out)
 void *plm_sys_poll_thread(void *arg)
 {
     uint32_t count = 0;
-    uint8_t *last;
 
     (void)arg;
     pthread_setname_np(pthread_self(), "plm_sys_poll");
-    last = plm_sys_poll_setup(&count);
-    if (last == NULL)
+    const plm::Payload last(plm_sys_poll_setup(&count));
+    if (!last)
         return NULL;
     for (;;) {
-        plm_sys_poll_pass(last, count);
-        usleep(POLL_INTERVAL_US);
+        plm_sys_poll_pass(last.get(), count);
+        usleep(poll_interval_us);
     }
     return NULL;
 }

@@ -7,12 +7,10 @@
 #include "orvel_safec.h"
 #include "plm_log.hpp"
 
-plm_thread_monitor_entry plm_thread_monitor_list = {
+constinit plm_thread_monitor_entry plm_thread_monitor_list = {
     .next = &plm_thread_monitor_list,
     .prev = &plm_thread_monitor_list,
 };
-
-static pthread_mutex_t monitor_lock = PTHREAD_MUTEX_INITIALIZER;
 
 void plm_thread_monitor_init(void)
 {
@@ -20,7 +18,11 @@ void plm_thread_monitor_init(void)
     plm_thread_monitor_list.prev = &plm_thread_monitor_list;
 }
 
-static void link_after_head(plm_thread_monitor_entry *entry)
+namespace {
+
+constinit pthread_mutex_t monitor_lock = PTHREAD_MUTEX_INITIALIZER;
+
+void link_after_head(plm_thread_monitor_entry *entry)
 {
     plm_thread_monitor_entry *head = &plm_thread_monitor_list;
 
@@ -32,11 +34,13 @@ static void link_after_head(plm_thread_monitor_entry *entry)
 
 /* At most 63 characters. The bound is the source's own length, since
  * libsafec refuses one longer than a source whose size it can see. */
-static void copy_name(char name[PLM_THREAD_NAME_SIZE], const char *source)
+void copy_name(char name[PLM_THREAD_NAME_SIZE], const char *source)
 {
     strncpy_s(name, PLM_THREAD_NAME_SIZE, source,
               strnlen(source, PLM_THREAD_NAME_SIZE - 1));
 }
+
+} // namespace
 
 int plm_thread_monitor_enqueue(pthread_t *thread, const char *name)
 {
