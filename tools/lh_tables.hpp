@@ -18,7 +18,10 @@
 namespace lhtables {
 
 inline constexpr uint32_t kModuleCount = LH_MOD_COUNT;
+inline constexpr uint32_t kCaui = LH_MOD_CAUI;
+inline constexpr uint32_t kEth = LH_MOD_ETH;
 inline constexpr uint32_t kNoRegister = LH_NO_REGISTER;
+inline constexpr uint32_t kBaseImage = LH_DEV_TYPE_BASE;
 inline constexpr uint32_t kLhxImage = LH_DEV_TYPE_LHX;
 
 using Layout = lh_block_layout;
