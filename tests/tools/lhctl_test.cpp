@@ -1058,6 +1058,53 @@ TEST_F(LhctlOffline, HelpExit0)
     EXPECT_NE(r.out.find("\n  --timeout SECONDS "), std::string::npos);
 }
 
+/* Each command's --help: its usage line and what it does, on standard
+ * output; a group lists its commands. Never a request. */
+TEST_F(LhctlOffline, HelpOfEveryCommand)
+{
+    const std::string usage = kUsagePrefix;
+    const struct {
+        Args args;
+        std::string out;
+    } cases[] = {
+        {{"modules", "--help"},
+         usage + "modules\nEach module instance of the image: id, name, pipe "
+                 "and OK, or FAILED once it has reported a fatal hardware "
+                 "error.\n"},
+        {{"pipes", "-h"}, usage + "pipes\nEach traffic pipe, up or down.\n"},
+        {{"pipe", "--help"},
+         usage + "pipe PIPE up|down\nUp waits until the port is aligned or "
+                 "has been reset three times; `pipes` tells whether the link "
+                 "came up.\n"},
+        {{"stats", "caui", "--help"},
+         usage + "stats MODULE PIPE [--clear]\nEvery counter of the "
+                 "instance, named by its register source; --clear clears "
+                 "them after reading.\n"},
+        {{"reg", "read", "--help"},
+         usage + "reg read OFFSET\nReads the 32-bit word at OFFSET of the "
+                 "FPGA's window.\n"},
+        {{"--json", "reg", "write", "-h"},
+         usage + "reg write OFFSET VALUE\nWrites VALUE to the 32-bit word at "
+                 "OFFSET of the FPGA's window.\n"},
+        {{"reg", "--help"},
+         usage + "reg read OFFSET\n  read a register\n" + usage +
+             "reg write OFFSET VALUE\n  write a register\n"},
+        {{"loopback", "--help"},
+         usage + "loopback PIPE [disable-all|pcs-near|pma-near|pma-far|"
+                 "pcs-far]\nAnother type than the one on needs disable-all "
+                 "first.\n"},
+        {{"qos", "--help"},
+         usage + "qos PIPE PROFILE [low|med|high]\nPROFILE is 0 to 127.\n"},
+        {{"metrics", "--help"},
+         usage + "metrics\nModule health, pipe states and every counter, in "
+                 "the Prometheus text format (one JSON object with "
+                 "--json).\n"},
+    };
+
+    for (const auto &c : cases)
+        expect_ctl(kNoSocket, 0, c.out.c_str(), "", c.args);
+}
+
 TEST_F(LhctlOffline, DaemonNotRunningExit3)
 {
     const std::string dead = scratch_file("dead.sock");

@@ -389,6 +389,85 @@ TEST_F(Lhsim, UsageErrorsExit2)
     }
 }
 
+/* Each command's --help: its usage line and what it does to the board,
+ * on standard output, exit 0; nothing is touched. */
+TEST_F(Lhsim, HelpOfEveryCommand)
+{
+    const struct {
+        Args args;
+        const char *out;
+    } cases[] = {
+        {{"create", "--help"},
+         "usage: lhsim create [--board base2|base1|lhx] DIR\n"
+         "Makes a board directory (base2 unless --board says otherwise); it "
+         "stays until destroy.\n"},
+        {{"run", "--help"},
+         "usage: lhsim run [--board base2|base1|lhx] [--dir DIR] [--keep] -- "
+         "PROGRAM [ARG...]\n"
+         "Runs PROGRAM on the board in its sandbox and prints the daemon's "
+         "log; Ctrl-C stops it, and a board the run made is removed unless "
+         "--keep.\n"},
+        {{"shell", "-h"},
+         "usage: lhsim shell DIR\n"
+         "Starts $SHELL in the board's sandbox, where the board is the PCI "
+         "bus.\n"},
+        {{"destroy", "--help"},
+         "usage: lhsim destroy DIR\n"
+         "Removes the board directory; refused while a daemon serves it.\n"},
+        {{"fatal", "DIR", "--help"},
+         "usage: lhsim fatal DIR MODULE PIPE (TEXT|--bit [REG:]N)\n"
+         "Raises a fatal error bit in the block; the daemon's poll finds it "
+         "within 500 ms, marks the module FAILED and writes a register "
+         "dump.\n"},
+        {{"clear-fatal", "--help"},
+         "usage: lhsim clear-fatal DIR MODULE PIPE\n"
+         "Clears every error bit of the block; a daemon started later sees "
+         "it healthy.\n"},
+        {{"link", "--help"},
+         "usage: lhsim link DIR PIPE up|down\n"
+         "Sets or clears the port's receive-aligned bit; the daemon's poll "
+         "logs the pipe's change within 500 ms.\n"},
+        {{"counter", "--help"},
+         "usage: lhsim counter DIR MODULE PIPE INDEX VALUE\n"
+         "Puts VALUE in the registers of a counter; each poll of the daemon "
+         "adds it to the statistics again.\n"},
+        {{"peek", "--help"},
+         "usage: lhsim peek DIR OFFSET\n"
+         "Reads a 32-bit word of the register window.\n"},
+        {{"poke", "--help"},
+         "usage: lhsim poke DIR OFFSET VALUE\n"
+         "Writes a 32-bit word of the register window.\n"},
+        {{"errors", "--help"},
+         "usage: lhsim errors MODULE\n"
+         "Lists the module's fatal errors in the order the driver tests "
+         "them; no board is needed.\n"},
+    };
+
+    for (const auto &c : cases) {
+        SCOPED_TRACE("lhsim " + c.args[0] + " --help");
+        EXPECT_EQ(lhsim(with_dir(c.args, dir_)), 0);
+        EXPECT_EQ(out_text_, c.out);
+        EXPECT_EQ(err_text_, "");
+    }
+    /* lhsim --help and lhsim help list every command. */
+    ASSERT_EQ(lhsim({"--help"}), 0);
+    const std::string list = out_text_;
+    EXPECT_TRUE(list.starts_with("usage: lhsim create ")) << list;
+    EXPECT_NE(list.find("\n       lhsim errors MODULE\n"), std::string::npos);
+    ASSERT_EQ(lhsim({"help"}), 0);
+    EXPECT_EQ(out_text_, list);
+}
+
+/* A bit in several registers of a block needs its register named. */
+TEST_F(Lhsim, BitInSeveralRegistersNeedsItsRegister)
+{
+    ASSERT_NO_FATAL_FAILURE(create_board("base2"));
+    ASSERT_EQ(lhsim({"fatal", dir_, "global", "0", "--bit", "1"}), 2);
+    EXPECT_EQ(err_text_, "lhsim: bit 1 is in more than one register: 0x100 "
+                         "0x140 0x180; say which: --bit REG:1\n");
+    EXPECT_EQ(out_text_, "");
+}
+
 /* Every command on a board directory says so when there is none. */
 TEST_F(Lhsim, MissingOrNonBoardDirExits1)
 {

@@ -1,142 +1,147 @@
-/* The client side of the daemon's socket: one
- * connection per run, one request at a time, each answered within the
- * timeout or not at all. Failures are reported here, once. */
-#include <errno.h>
-#include <inttypes.h>
-#include <stdio.h>
-#include <stdlib.h>
-#include <string.h>
+/* The client side of the daemon's socket. Every failure becomes a Failure
+ * with the text and exit code docs/lhctl.md gives it. */
+#include <cerrno>
+#include <cstdarg>
+#include <cstdlib>
+#include <cstring>
+#include <utility>
 
 #include "ipc_msg.hpp"
 #include "lhctl.hpp"
 #include "plat_ipc.h"
 
-static int connect_failed(const char *path, int rc)
+namespace lhctl {
+
+std::string format(const char *fmt, ...)
 {
+    va_list args, again;
+
+    va_start(args, fmt);
+    va_copy(again, args);
+    std::string text(static_cast<size_t>(vsnprintf(nullptr, 0, fmt, args)), '\0');
+    vsnprintf(text.data(), text.size() + 1, fmt, again);
+    va_end(again);
+    va_end(args);
+    return text;
+}
+
+void usage_error(const std::string &text) { throw Failure(Exit::usage, text); }
+
+void malformed(uint32_t op, const char *what)
+{
+    throw Failure(Exit::refused,
+                  format("malformed reply to op 0x%06x: %s", op, what));
+}
+
+uint32_t get32(std::span<const uint8_t> bytes, size_t at)
+{
+    uint32_t value;
+
+    memcpy(&value, bytes.subspan(at, sizeof(value)).data(), sizeof(value));
+    return value;
+}
+
+uint64_t get64(std::span<const uint8_t> bytes, size_t at)
+{
+    uint64_t value;
+
+    memcpy(&value, bytes.subspan(at, sizeof(value)).data(), sizeof(value));
+    return value;
+}
+
+void Client::Close::operator()(ipc_client *c) const { ipc_client_close(c); }
+
+Client::Client(std::string socket_path, int timeout_ms)
+    : socket_path_(std::move(socket_path)), timeout_ms_(timeout_ms)
+{
+}
+
+[[noreturn]] static void connect_failed(const std::string &path, int rc)
+{
+    const char *p = path.c_str();
+
     switch (rc) {
     case -ENOENT:
-        fprintf(stderr, "lhctl: daemon not running: no socket at %s\n", path);
-        break;
+        throw Failure(Exit::unreachable,
+                      format("daemon not running: no socket at %s", p));
     case -ECONNREFUSED:
-        fprintf(stderr, "lhctl: daemon not running: nothing serves %s\n", path);
-        break;
+        throw Failure(Exit::unreachable,
+                      format("daemon not running: nothing serves %s", p));
     case -EACCES:
     case -EPERM:
-        fprintf(stderr, "lhctl: permission denied: %s\n", path);
-        break;
+        throw Failure(Exit::unreachable, format("permission denied: %s", p));
     default:
-        fprintf(stderr, "lhctl: cannot connect to %s: %s\n", path,
-                strerror(-rc));
+        throw Failure(Exit::unreachable, format("cannot connect to %s: %s", p,
+                                                strerror(-rc)));
     }
-    return LHCTL_EXIT_UNREACHABLE;
 }
 
-static int transfer_failed(const struct lhctl *ctl, int rc)
+void Client::connect()
+{
+    ipc_client *client = nullptr;
+    int rc = ipc_client_open(socket_path_.c_str(), &client);
+
+    if (rc != 0)
+        connect_failed(socket_path_, rc);
+    client_.reset(client);
+}
+
+[[noreturn]] static void transfer_failed(int timeout_ms, int rc)
 {
     if (rc == -ETIMEDOUT)
-        fprintf(stderr, "lhctl: no answer from the daemon within %g s\n",
-                ctl->timeout_ms / 1000.0);
-    else if (rc == -ECONNRESET || rc == -EPIPE)
-        fprintf(stderr, "lhctl: the daemon closed the connection\n");
-    else
-        fprintf(stderr, "lhctl: talking to the daemon failed: %s\n",
-                strerror(-rc));
-    return LHCTL_EXIT_UNREACHABLE;
+        throw Failure(Exit::unreachable,
+                      format("no answer from the daemon within %g s",
+                             timeout_ms / 1000.0));
+    if (rc == -ECONNRESET || rc == -EPIPE)
+        throw Failure(Exit::unreachable, "the daemon closed the connection");
+    throw Failure(Exit::unreachable,
+                  format("talking to the daemon failed: %s", strerror(-rc)));
 }
 
-int lhctl_malformed(uint32_t op, const char *what)
+/* An error reply carries its code at byte 8; its text is the message. */
+static void check_reply(uint32_t op, const ipc_msg_t &msg, const Bytes &payload)
 {
-    fprintf(stderr, "lhctl: malformed reply to op 0x%06" PRIx32 ": %s\n", op,
-            what);
-    return LHCTL_EXIT_REFUSED;
+    if (msg.msg_type != PLM_IPC_MSG_REPLY)
+        malformed(op, "not a reply");
+    if (msg.op_id == PLM_IPC_OP_ERROR && payload.size() != 12)
+        malformed(op, "error reply of the wrong length");
+    if (msg.op_id == PLM_IPC_OP_ERROR)
+        throw Failure(Exit::refused, plm_ipc_error_str(get32(payload, 8)));
+    if (msg.op_id != op)
+        malformed(op, "reply to another operation");
 }
 
-int lhctl_out_of_memory(void)
-{
-    fprintf(stderr, "lhctl: out of memory\n");
-    return LHCTL_EXIT_REFUSED;
-}
-
-static int connect_once(struct lhctl *ctl)
-{
-    int rc;
-
-    if (ctl->client != NULL)
-        return LHCTL_EXIT_OK;
-    rc = ipc_client_open(ctl->socket_path, &ctl->client);
-    return rc == 0 ? LHCTL_EXIT_OK : connect_failed(ctl->socket_path, rc);
-}
-
-/* An error reply prints its code's text. */
-static int error_reply(uint32_t op, const ipc_msg_t *msg)
-{
-    const uint8_t *payload = static_cast<const uint8_t *>(msg->payload);
-
-    if (msg->payload_len != 12)
-        return lhctl_malformed(op, "error reply of the wrong length");
-    fprintf(stderr, "lhctl: %s\n", plm_ipc_error_str(lhctl_get32(payload + 8)));
-    return LHCTL_EXIT_REFUSED;
-}
-
-static int check_reply(uint32_t op, const ipc_msg_t *msg)
-{
-    if (msg->msg_type != PLM_IPC_MSG_REPLY)
-        return lhctl_malformed(op, "not a reply");
-    if (msg->op_id == PLM_IPC_OP_ERROR)
-        return error_reply(op, msg);
-    if (msg->op_id != op)
-        return lhctl_malformed(op, "reply to another operation");
-    return LHCTL_EXIT_OK;
-}
-
-int lhctl_request(struct lhctl *ctl, uint32_t op, const void *payload,
-                  uint32_t length, struct lhctl_reply *reply)
+Bytes Client::request(uint32_t op, std::span<const uint8_t> payload)
 {
     ipc_msg_t request = {};
+    ipc_msg_t reply = {};
 
     request.op_id = op;
     request.msg_type = PLM_IPC_MSG_REQUEST;
-    request.payload_len = length;
-    request.payload = const_cast<void *>(payload);
-    ipc_msg_t msg;
-    int rc = connect_once(ctl);
-
-    *reply = lhctl_reply{};
-    if (rc != LHCTL_EXIT_OK)
-        return rc;
-    rc = ipc_client_send(ctl->client, &request);
+    request.payload_len = static_cast<uint32_t>(payload.size());
+    request.payload = const_cast<uint8_t *>(payload.data());
+    if (!client_)
+        connect();
+    int rc = ipc_client_send(client_.get(), &request);
     if (rc == 0)
-        rc = ipc_client_recv(ctl->client, &msg, ctl->timeout_ms);
+        rc = ipc_client_recv(client_.get(), &reply, timeout_ms_);
     if (rc < 0)
-        return transfer_failed(ctl, rc);
-    rc = check_reply(op, &msg);
-    if (rc != LHCTL_EXIT_OK) {
-        free(msg.payload);
-        return rc;
-    }
-    reply->payload = static_cast<uint8_t *>(msg.payload);
-    reply->length = msg.payload_len;
-    return LHCTL_EXIT_OK;
+        transfer_failed(timeout_ms_, rc);
+    std::unique_ptr<void, decltype(&free)> owned(reply.payload, free);
+    const auto *bytes = static_cast<const uint8_t *>(reply.payload);
+    Bytes result(bytes, bytes + (bytes != nullptr ? reply.payload_len : 0));
+    check_reply(op, reply, result);
+    return result;
 }
 
-int lhctl_request_fixed(struct lhctl *ctl, uint32_t op, const void *payload,
-                        uint32_t length, void *reply, uint32_t reply_length)
+Bytes Client::request(uint32_t op, std::span<const uint8_t> payload,
+                      size_t length)
 {
-    struct lhctl_reply got;
-    int rc = lhctl_request(ctl, op, payload, length, &got);
+    Bytes reply = request(op, payload);
 
-    if (rc != LHCTL_EXIT_OK)
-        return rc;
-    if (got.length != reply_length)
-        rc = lhctl_malformed(op, "unexpected length");
-    else
-        memcpy(reply, got.payload, reply_length);
-    free(got.payload);
-    return rc;
+    if (reply.size() != length)
+        malformed(op, "unexpected length");
+    return reply;
 }
 
-void lhctl_disconnect(struct lhctl *ctl)
-{
-    ipc_client_close(ctl->client);
-    ctl->client = NULL;
-}
+} // namespace lhctl

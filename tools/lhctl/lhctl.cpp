@@ -2,267 +2,398 @@
  *
  *   lhctl [--socket PATH] [--timeout SECONDS] [--json] COMMAND ...
  *
- * Exit codes: 0 success, 1 the daemon refused (error reply), 2 usage, 3 the
- * daemon could not be reached or did not answer. docs/lhctl.md has the
- * rest. */
-#include <ctype.h>
-#include <limits.h>
-#include <stdio.h>
-#include <stdlib.h>
-#include <string.h>
+ * One table of commands; CLI11 reads the command line from it, and every
+ * command and subcommand takes --help. docs/lhctl.md has the rest. */
+#include <climits>
+#include <cstdio>
+#include <map>
+
+#include <CLI/CLI.hpp>
 
 #include "ipc_msg.hpp"
 #include "lhctl.hpp"
 #include "plat_ipc.h"
 
-#define OPTIONS_USAGE "lhctl [--socket PATH] [--timeout SECONDS] [--json]"
+namespace lhctl {
+namespace {
 
-struct command {
+constexpr int kDefaultTimeoutMs = 2000;
+constexpr char kOptionsUsage[] =
+    "lhctl [--socket PATH] [--timeout SECONDS] [--json]";
+
+using Words = std::vector<std::string>;
+
+struct Session {
+    Client client;
+    bool json;
+    bool clear; /* stats --clear */
+};
+
+/* Commands */
+
+std::string cmd_modules(Session &s, const Words &)
+{
+    Modules modules = get_modules(s.client);
+
+    return s.json ? modules_json(modules) : modules_text(modules);
+}
+
+std::string cmd_pipes(Session &s, const Words &)
+{
+    Pipes pipes = get_pipes(s.client);
+
+    return s.json ? pipes_json(pipes) : pipes_text(pipes);
+}
+
+std::string cmd_pipe(Session &s, const Words &w)
+{
+    uint32_t pipe = parse_u32("PIPE", w[0]);
+    bool up = parse_name("pipe state", w[1], kPipeStates) != 0;
+
+    set_pipe(s.client, pipe, up);
+    return s.json ? pipe_json(pipe, up) : pipe_state(up) + std::string("\n");
+}
+
+/* Reads, clears when asked, then prints what was read. */
+std::string cmd_stats(Session &s, const Words &w)
+{
+    uint32_t module_id = parse_module(w[0]);
+    uint32_t pipe = parse_u32("PIPE", w[1]);
+    Counters counters = get_stats(s.client, module_id, pipe);
+
+    if (s.clear)
+        clear_stats(s.client, module_id, pipe);
+    return s.json ? stats_json(module_id, pipe, counters, s.clear)
+                  : counters_text(counters);
+}
+
+std::string reg_view(const Session &s, uint32_t offset, uint32_t value)
+{
+    return s.json ? reg_json(offset, value) : format("0x%08x\n", value);
+}
+
+std::string cmd_reg_read(Session &s, const Words &w)
+{
+    uint32_t offset = parse_u32("OFFSET", w[0]);
+
+    return reg_view(s, offset, read_reg(s.client, offset));
+}
+
+std::string cmd_reg_write(Session &s, const Words &w)
+{
+    uint32_t offset = parse_u32("OFFSET", w[0]);
+    uint32_t value = parse_u32("VALUE", w[1]);
+
+    write_reg(s.client, offset, value);
+    return reg_view(s, offset, value);
+}
+
+std::string cmd_loopback(Session &s, const Words &w)
+{
+    uint32_t pipe = parse_u32("PIPE", w[0]);
+    uint32_t mask;
+
+    if (w.size() == 1) {
+        mask = get_loopback(s.client, pipe);
+    } else {
+        uint32_t type = parse_name("loopback type", w[1], kLoopbackNames);
+
+        set_loopback(s.client, pipe, type);
+        mask = type == 0 ? 0 : 1u << type;
+    }
+    if (s.json)
+        return loopback_json(pipe, mask);
+    std::string text;
+    for (const std::string &type : loopback_types(mask))
+        text += (text.empty() ? "" : " ") + type;
+    return text + "\n";
+}
+
+std::string cmd_qos(Session &s, const Words &w)
+{
+    uint32_t pipe = parse_u32("PIPE", w[0]);
+    uint32_t profile = parse_u32("PROFILE", w[1]);
+    uint32_t priority;
+
+    if (w.size() == 2) {
+        priority = get_qos(s.client, pipe, profile);
+    } else {
+        priority = parse_name("priority", w[2], kPriorityNames);
+        set_qos(s.client, pipe, profile, priority);
+    }
+    return s.json ? qos_json(pipe, profile, priority)
+                  : priority_name(priority) + "\n";
+}
+
+/* Every request is made before anything is printed, so a failed run
+ * leaves standard output empty. */
+std::string cmd_metrics(Session &s, const Words &)
+{
+    Snapshot snap{get_modules(s.client), get_pipes(s.client), {}};
+
+    for (const Module &m : snap.modules)
+        snap.stats.push_back(has_stats(m.id) ? get_stats(s.client, m.id, m.pipe)
+                                             : Counters{});
+    return s.json ? snapshot_json(snap) : snapshot_metrics(snap);
+}
+
+struct Command {
     const char *name; /* one or two words */
     const char *args;
-    const char *summary;
-    int min_args;
-    int max_args;
-    int (*run)(struct lhctl *ctl, int argc, char **argv);
+    const char *summary; /* the command list's line */
+    const char *detail;  /* what --help adds */
+    size_t min_args;
+    size_t max_args;
+    std::string (*run)(Session &, const Words &);
 };
 
-static const struct command commands[] = {
-    {"modules", "", "module list with health", 0, 0, lhctl_cmd_modules},
-    {"pipes", "", "traffic pipe states", 0, 0, lhctl_cmd_pipes},
-    {"pipe", "PIPE up|down", "take a traffic pipe up or down", 2, 2,
-     lhctl_cmd_pipe},
+constexpr Command kCommands[] = {
+    {"modules", "", "module list with health",
+     "Each module instance of the image: id, name, pipe and OK, or FAILED "
+     "once it has reported a fatal hardware error.",
+     0, 0, cmd_modules},
+    {"pipes", "", "traffic pipe states", "Each traffic pipe, up or down.", 0,
+     0, cmd_pipes},
+    {"pipe", "PIPE up|down", "take a traffic pipe up or down",
+     "Up waits until the port is aligned or has been reset three times; "
+     "`pipes` tells whether the link came up.",
+     2, 2, cmd_pipe},
     {"stats", "MODULE PIPE [--clear]",
-     "statistics of a module instance (MODULE: name or id)", 2, 3,
-     lhctl_cmd_stats},
-    {"reg read", "OFFSET", "read a register", 1, 1, lhctl_cmd_reg_read},
-    {"reg write", "OFFSET VALUE", "write a register", 2, 2,
-     lhctl_cmd_reg_write},
+     "statistics of a module instance (MODULE: name or id)",
+     "Every counter of the instance, named by its register source; --clear "
+     "clears them after reading.",
+     2, 2, cmd_stats},
+    {"reg read", "OFFSET", "read a register",
+     "Reads the 32-bit word at OFFSET of the FPGA's window.", 1, 1,
+     cmd_reg_read},
+    {"reg write", "OFFSET VALUE", "write a register",
+     "Writes VALUE to the 32-bit word at OFFSET of the FPGA's window.", 2, 2,
+     cmd_reg_write},
     {"loopback", "PIPE [disable-all|pcs-near|pma-near|pma-far|pcs-far]",
-     "get or set the loopback of a pipe", 1, 2, lhctl_cmd_loopback},
+     "get or set the loopback of a pipe",
+     "Another type than the one on needs disable-all first.", 1, 2,
+     cmd_loopback},
     {"qos", "PIPE PROFILE [low|med|high]",
-     "get or set the priority of an ingress QoS profile", 2, 3, lhctl_cmd_qos},
-    {"metrics", "", "Prometheus text exposition of health and counters", 0, 0,
-     lhctl_cmd_metrics},
+     "get or set the priority of an ingress QoS profile",
+     "PROFILE is 0 to 127.", 2, 3, cmd_qos},
+    {"metrics", "", "Prometheus text exposition of health and counters",
+     "Module health, pipe states and every counter, in the Prometheus text "
+     "format (one JSON object with --json).",
+     0, 0, cmd_metrics},
 };
 
-#define COMMAND_COUNT (sizeof(commands) / sizeof(commands[0]))
+/* Usage and help texts */
 
-/* "name args", as the usage lines show a command. */
-static int command_line(const struct command *cmd, char *buf, size_t size)
+constexpr int kSummaryColumn = 32;
+
+std::string command_line(const Command &c)
 {
-    return snprintf(buf, size, "%s%s%s", cmd->name,
-                    cmd->args[0] != '\0' ? " " : "", cmd->args);
+    return c.name + std::string(*c.args != '\0' ? " " : "") + c.args;
 }
 
-static void print_command_usage(FILE *out, const struct command *cmd)
+std::string command_usage(const Command &c)
 {
-    char line[128];
-
-    command_line(cmd, line, sizeof(line));
-    fprintf(out, "usage: " OPTIONS_USAGE " %s\n", line);
+    return format("usage: %s %s\n", kOptionsUsage, command_line(c).c_str());
 }
 
-#define SUMMARY_COLUMN 32
-
-/* Each command and what it does; a long one has its summary below it.
- * The options are explained for --help only. */
-static void print_usage(FILE *out, bool help)
+/* Each command and what it does; a long one has its summary below it. The
+ * options are explained for --help only. */
+std::string usage(bool help)
 {
-    fprintf(out, "usage: " OPTIONS_USAGE " COMMAND ...\ncommands:\n");
-    for (size_t i = 0; i < COMMAND_COUNT; i++) {
-        char line[128];
-        int len = command_line(&commands[i], line, sizeof(line));
+    std::string text = format("usage: %s COMMAND ...\ncommands:\n", kOptionsUsage);
 
-        if (len < SUMMARY_COLUMN)
-            fprintf(out, "  %-*s  %s\n", SUMMARY_COLUMN, line,
-                    commands[i].summary);
+    for (const Command &c : kCommands) {
+        std::string line = command_line(c);
+
+        if (line.size() >= kSummaryColumn)
+            text += "  " + line + "\n" + std::string(kSummaryColumn + 2, ' ');
         else
-            fprintf(out, "  %s\n  %-*s  %s\n", line, SUMMARY_COLUMN, "",
-                    commands[i].summary);
+            text += format("  %-*s", kSummaryColumn, line.c_str());
+        text += format("  %s\n", c.summary);
     }
     if (help)
-        fprintf(
-            out,
+        text += format(
             "options:\n"
             "  --socket PATH      the daemon's socket (default " IPC_SOCKET_DIR
             "/%d.sock)\n"
-            "  --timeout SECONDS  the wait for each answer (default "
-            "%d)\n"
-            "  --json             print JSON\n",
-            PLM_IPC_APP_ID, LHCTL_DEFAULT_TIMEOUT_MS / 1000);
+            "  --timeout SECONDS  the wait for each answer (default %d)\n"
+            "  --json             print JSON\n"
+            "  --help             this list; after a command, what it does\n",
+            PLM_IPC_APP_ID, kDefaultTimeoutMs / 1000);
+    return text;
 }
 
-/* The command whose words begin `words`; *used says how many it took. */
-static const struct command *find_command(char **words, int count, int *used)
-{
-    for (size_t i = 0; i < COMMAND_COUNT; i++) {
-        const char *name = commands[i].name;
-        const char *space = strchr(name, ' ');
+/* The command line, read by CLI11 from the table. */
+class CommandLine {
+public:
+    CommandLine();
+    Exit main(int argc, char **argv);
 
-        if (space == NULL && strcmp(words[0], name) == 0) {
-            *used = 1;
-            return &commands[i];
-        }
-        if (space != NULL && count >= 2 &&
-            strncmp(words[0], name, (size_t)(space - name)) == 0 &&
-            words[0][space - name] == '\0' &&
-            strcmp(words[1], space + 1) == 0) {
-            *used = 2;
-            return &commands[i];
-        }
-    }
-    return NULL;
-}
+private:
+    std::string help(const CLI::App *app) const;
+    const Command *selected() const;
+    [[noreturn]] void extras_failed() const;
+    std::string run(int argc, char **argv);
 
-enum option_id { OPT_SOCKET, OPT_TIMEOUT, OPT_JSON, OPT_HELP, OPT_NONE };
-
-static const struct {
-    const char *name;
-    bool takes_value; /* "--name VALUE" or "--name=VALUE" */
-    enum option_id id;
-} options[] = {
-    {"--socket", true, OPT_SOCKET}, {"--timeout", true, OPT_TIMEOUT},
-    {"--json", false, OPT_JSON},    {"--help", false, OPT_HELP},
-    {"-h", false, OPT_HELP},
+    CLI::App app_{"", "lhctl"};
+    std::map<const CLI::App *, const Command *> leaves_;
+    std::string socket_;
+    std::string timeout_;
+    bool json_ = false;
+    bool clear_ = false;
+    Words words_; /* the selected command's arguments */
+    const Command *command_ = nullptr; /* once known, for its usage line */
 };
 
-/* Which option argv[*i] is, its value in *value; *i moves past a value
- * given as the next word, which is null when there is none. */
-static enum option_id match_option(int argc, char **argv, int *i,
-                                   const char **value)
+CommandLine::CommandLine()
 {
-    for (size_t k = 0; k < sizeof(options) / sizeof(options[0]); k++) {
-        size_t len = strlen(options[k].name);
+    char path[PATH_MAX];
 
-        if (strncmp(argv[*i], options[k].name, len) != 0)
-            continue;
-        if (argv[*i][len] == '\0' && !options[k].takes_value)
-            return options[k].id;
-        if (argv[*i][len] == '=' && options[k].takes_value)
-            *value = argv[*i] + len + 1;
-        else if (argv[*i][len] == '\0' && options[k].takes_value)
-            *value = *i + 1 < argc ? argv[++*i] : NULL;
-        else
-            continue;
-        return options[k].id;
-    }
-    return OPT_NONE;
-}
+    if (ipc_socket_path(PLM_IPC_APP_ID, path, sizeof(path)) == 0)
+        socket_ = path;
+    app_.formatter_fn([this](const CLI::App *app, std::string, CLI::AppFormatMode) {
+        return help(app);
+    });
+    app_.fallthrough(); /* global options after the command too */
+    app_.add_option("--socket", socket_)
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
+    app_.add_option("--timeout", timeout_)
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
+    app_.add_flag("--json", json_);
+    std::map<std::string, CLI::App *> groups;
 
-struct options {
-    bool help = {};
-    int word_count = {};
-    char **words = {}; /* the command and its arguments, options taken out */
-};
+    for (const Command &c : kCommands) {
+        std::string name = c.name;
+        CLI::App *parent = &app_;
+        size_t space = name.find(' ');
 
-static int apply_option(struct lhctl *ctl, struct options *opts,
-                        enum option_id id, const char *value)
-{
-    if ((id == OPT_SOCKET || id == OPT_TIMEOUT) && value == NULL)
-        return lhctl_usage_error("option %s needs a value",
-                                 id == OPT_SOCKET ? "--socket" : "--timeout");
-    if (id == OPT_SOCKET)
-        ctl->socket_path = value;
-    else if (id == OPT_TIMEOUT)
-        return lhctl_parse_seconds(value, &ctl->timeout_ms);
-    else if (id == OPT_JSON)
-        ctl->json = true;
-    else
-        opts->help = true;
-    return LHCTL_EXIT_OK;
-}
-
-/* Global options may stand anywhere; "--clear" is left to its command and
- * "-1" to the number parsers, which refuse it. */
-static int parse_options(struct lhctl *ctl, int argc, char **argv,
-                         struct options *opts)
-{
-    bool only_words = false;
-
-    for (int i = 1; i < argc; i++) {
-        const char *value = NULL;
-        enum option_id id;
-        int rc;
-
-        if (only_words || argv[i][0] != '-' ||
-            isdigit((unsigned char)argv[i][1]) ||
-            strcmp(argv[i], "--clear") == 0) {
-            opts->words[opts->word_count++] = argv[i];
-            continue;
+        if (space != std::string::npos) {
+            std::string group = name.substr(0, space);
+            if (groups[group] == nullptr)
+                groups[group] = app_.add_subcommand(group);
+            parent = groups[group];
+            name = name.substr(space + 1);
         }
-        if (strcmp(argv[i], "--") == 0) {
-            only_words = true;
-            continue;
-        }
-        id = match_option(argc, argv, &i, &value);
-        if (id == OPT_NONE)
-            return lhctl_usage_error("unknown option \"%s\"", argv[i]);
-        rc = apply_option(ctl, opts, id, value);
-        if (rc != LHCTL_EXIT_OK)
-            return rc;
+        CLI::App *leaf = parent->add_subcommand(name);
+        leaf->add_option("args", words_);
+        if (c.run == cmd_stats)
+            leaf->add_flag("--clear", clear_);
+        leaves_[leaf] = &c;
     }
-    return LHCTL_EXIT_OK;
 }
 
-static int check_arg_count(const struct command *cmd, int count, char **args)
+/* The list for lhctl itself, a command's usage and what it does, or the
+ * commands of a group such as reg. */
+std::string CommandLine::help(const CLI::App *app) const
 {
-    if (count < cmd->min_args)
-        return lhctl_usage_error("missing argument");
-    if (count > cmd->max_args)
-        return lhctl_usage_error("unexpected argument \"%s\"",
-                                 args[cmd->max_args]);
-    return LHCTL_EXIT_OK;
+    if (app == &app_)
+        return usage(true);
+    if (auto leaf = leaves_.find(app); leaf != leaves_.end())
+        return command_usage(*leaf->second) + leaf->second->detail + "\n";
+    std::string text;
+    for (const auto &[sub, c] : leaves_)
+        if (sub->get_parent() == app)
+            text += command_usage(*c) + "  " + c->summary + "\n";
+    return text;
 }
 
-static int run(struct lhctl *ctl, struct options *opts)
+/* The subcommands given, also those after "--". */
+static std::vector<const CLI::App *> given(const CLI::App *app)
 {
-    const struct command *cmd;
-    int used, rc;
-
-    if (opts->word_count == 0) {
-        lhctl_usage_error("no command");
-        print_usage(stderr, false);
-        return LHCTL_EXIT_USAGE;
-    }
-    cmd = find_command(opts->words, opts->word_count, &used);
-    if (cmd == NULL) {
-        lhctl_usage_error("unknown command \"%s\"", opts->words[0]);
-        print_usage(stderr, false);
-        return LHCTL_EXIT_USAGE;
-    }
-    rc = check_arg_count(cmd, opts->word_count - used, opts->words + used);
-    if (rc == LHCTL_EXIT_OK)
-        rc = cmd->run(ctl, opts->word_count - used, opts->words + used);
-    if (rc == LHCTL_EXIT_USAGE)
-        print_command_usage(stderr, cmd);
-    return rc;
+    return app->get_subcommands([](const CLI::App *a) { return a->parsed(); });
 }
+
+/* The command the words name, or a usage error. */
+const Command *CommandLine::selected() const
+{
+    auto chosen = given(&app_);
+
+    if (chosen.empty())
+        usage_error("no command");
+    auto below = given(chosen[0]);
+    const CLI::App *leaf = below.empty() ? chosen[0] : below[0];
+    if (auto found = leaves_.find(leaf); found != leaves_.end())
+        return found->second;
+    usage_error(format("unknown command \"%s\"", chosen[0]->get_name().c_str()));
+}
+
+/* Words nobody took: an unknown option or command. "--clear" is an
+ * argument too many for any command but stats. */
+void CommandLine::extras_failed() const
+{
+    std::string first = app_.remaining(true).at(0);
+
+    if (first == "--clear" && !given(&app_).empty())
+        usage_error("unexpected argument \"--clear\"");
+    if (first.starts_with("-"))
+        usage_error(format("unknown option \"%s\"", first.c_str()));
+    if (!given(&app_).empty())
+        first = given(&app_)[0]->get_name();
+    usage_error(format("unknown command \"%s\"", first.c_str()));
+}
+
+std::string CommandLine::run(int argc, char **argv)
+{
+    try {
+        app_.parse(argc, argv);
+    } catch (const CLI::ArgumentMismatch &e) {
+        std::string what = e.what();
+        usage_error(format("option %s needs a value",
+                           what.substr(0, what.find(':')).c_str()));
+    } catch (const CLI::ExtrasError &) {
+        if (!given(&app_).empty() &&
+            app_.remaining(true).at(0) == "--clear")
+            command_ = selected();
+        extras_failed();
+    }
+    int timeout_ms = timeout_.empty() && app_.count("--timeout") == 0
+                         ? kDefaultTimeoutMs
+                         : parse_timeout_ms(timeout_);
+    command_ = selected();
+    if (words_.size() < command_->min_args)
+        usage_error("missing argument");
+    if (words_.size() > command_->max_args)
+        usage_error(format("unexpected argument \"%s\"",
+                           words_[command_->max_args].c_str()));
+    Session session{Client(socket_, timeout_ms), json_, clear_};
+    return command_->run(session, words_);
+}
+
+Exit CommandLine::main(int argc, char **argv)
+{
+    try {
+        std::string out = run(argc, argv);
+
+        fputs(out.c_str(), stdout);
+    } catch (const CLI::CallForHelp &) {
+        fputs(app_.help().c_str(), stdout);
+    } catch (const CLI::ParseError &e) {
+        fprintf(stderr, "lhctl: %s\n%s", e.what(), usage(false).c_str());
+        return Exit::usage;
+    } catch (const Failure &f) {
+        fprintf(stderr, "lhctl: %s\n", f.what());
+        if (f.exit() == Exit::usage)
+            fputs(command_ ? command_usage(*command_).c_str()
+                           : usage(false).c_str(),
+                  stderr);
+        return f.exit();
+    }
+    if (fflush(stdout) != 0) {
+        perror("lhctl: standard output");
+        return Exit::refused;
+    }
+    return Exit::ok;
+}
+
+} // namespace
+} // namespace lhctl
 
 int main(int argc, char **argv)
 {
-    char default_socket[PATH_MAX];
-    char *words[argc > 0 ? argc : 1];
-    struct options opts = {.words = words};
-    struct lhctl ctl = {.timeout_ms = LHCTL_DEFAULT_TIMEOUT_MS};
-    int rc;
-
-    if (ipc_socket_path(PLM_IPC_APP_ID, default_socket,
-                        sizeof(default_socket)) == 0)
-        ctl.socket_path = default_socket;
-    rc = parse_options(&ctl, argc, argv, &opts);
-    if (rc != LHCTL_EXIT_OK) {
-        print_usage(stderr, false);
-        return rc;
+    try {
+        return static_cast<int>(lhctl::CommandLine().main(argc, argv));
+    } catch (const std::exception &e) {
+        fprintf(stderr, "lhctl: %s\n", e.what());
+        return static_cast<int>(lhctl::Exit::refused);
     }
-    if (opts.help) {
-        print_usage(stdout, true);
-        return LHCTL_EXIT_OK;
-    }
-    rc = run(&ctl, &opts);
-    lhctl_disconnect(&ctl);
-    if (fflush(stdout) != 0 && rc == LHCTL_EXIT_OK) {
-        perror("lhctl: standard output");
-        rc = LHCTL_EXIT_REFUSED;
-    }
-    return rc;
 }

@@ -1,222 +1,215 @@
-/* Output formats: aligned text tables, compact JSON and the Prometheus
- * text exposition format (version 0.0.4). */
-#include <inttypes.h>
-#include <stdio.h>
-#include <stdlib.h>
-#include <string.h>
+/* The views of a command's result: aligned text tables, one-line JSON
+ * objects (nlohmann::json, keys in the order written) and the Prometheus
+ * text exposition (prometheus-cpp's TextSerializer). */
+#include <algorithm>
+
+#include <nlohmann/json.hpp>
+#include <prometheus/text_serializer.h>
 
 #include "lhctl.hpp"
 
+namespace lhctl {
+
+using Json = nlohmann::ordered_json;
+using Rows = std::vector<std::vector<std::string>>;
+
 /* Text tables */
 
-#define TABLE_GAP 2
-
-int lhctl_table_init(struct lhctl_table *t, size_t columns,
-                     const char *const *header)
-{
-    *t = lhctl_table{.columns = columns};
-    return lhctl_table_add(t, header);
-}
-
-int lhctl_table_add(struct lhctl_table *t, const char *const *cells)
-{
-    if (t->rows == t->capacity) {
-        size_t capacity = t->capacity > 0 ? 2 * t->capacity : 16;
-        void *grown =
-            reallocarray(t->cells, capacity * t->columns, sizeof(*t->cells));
-
-        if (grown == NULL)
-            return lhctl_out_of_memory();
-        t->cells = static_cast<char (*)[48]>(grown);
-        t->capacity = capacity;
-    }
-    for (size_t c = 0; c < t->columns; c++)
-        snprintf(t->cells[t->rows * t->columns + c], LHCTL_CELL_MAX, "%s",
-                 cells[c]);
-    t->rows++;
-    return LHCTL_EXIT_OK;
-}
-
-static size_t column_width(const struct lhctl_table *t, size_t column)
-{
-    size_t width = 0;
-
-    for (size_t r = 0; r < t->rows; r++) {
-        size_t len = strlen(t->cells[r * t->columns + column]);
-
-        if (len > width)
-            width = len;
-    }
-    return width;
-}
+constexpr size_t kTableGap = 2;
 
 /* Every column but the last padded to its widest cell and a gap. */
-void lhctl_table_print(const struct lhctl_table *t, FILE *out)
+std::string table(const Rows &rows)
 {
-    size_t widths[t->columns > 0 ? t->columns : 1];
+    std::vector<size_t> widths(rows.at(0).size(), 0);
+    std::string text;
 
-    for (size_t c = 0; c < t->columns; c++)
-        widths[c] = column_width(t, c) + TABLE_GAP;
-    for (size_t r = 0; r < t->rows; r++) {
-        for (size_t c = 0; c + 1 < t->columns; c++)
-            fprintf(out, "%-*s", (int)widths[c], t->cells[r * t->columns + c]);
-        fprintf(out, "%s\n", t->cells[r * t->columns + t->columns - 1]);
+    for (const auto &row : rows)
+        for (size_t c = 0; c < row.size(); c++)
+            widths[c] = std::max(widths[c], row[c].size() + kTableGap);
+    for (const auto &row : rows) {
+        for (size_t c = 0; c + 1 < row.size(); c++)
+            text += row[c] + std::string(widths[c] - row[c].size(), ' ');
+        text += row.back() + "\n";
     }
+    return text;
 }
 
-void lhctl_table_free(struct lhctl_table *t)
+std::string modules_text(const Modules &modules)
 {
-    free(t->cells);
-    *t = lhctl_table{};
+    Rows rows = {{"ID", "NAME", "PIPE", "STATE"}};
+
+    for (const Module &m : modules)
+        rows.push_back({std::to_string(m.id), module_name(m.id),
+                        std::to_string(m.pipe), module_state(m.failed)});
+    return table(rows);
+}
+
+std::string pipes_text(const Pipes &pipes)
+{
+    Rows rows = {{"PIPE", "STATE"}};
+
+    for (const Pipe &p : pipes)
+        rows.push_back({std::to_string(p.pipe), pipe_state(p.up)});
+    return table(rows);
+}
+
+std::string counters_text(const Counters &counters)
+{
+    Rows rows = {{"COUNTER", "VALUE"}};
+
+    for (const Counter &c : counters)
+        rows.push_back({c.name, std::to_string(c.value)});
+    return table(rows);
 }
 
 /* JSON */
 
-static void json_write_string(FILE *out, const char *s)
+/* One object on one line; bytes that are not UTF-8 become U+FFFD rather
+ * than ending the run. */
+static std::string line(const Json &j)
 {
-    fputc('"', out);
-    for (const unsigned char *c = (const unsigned char *)s; *c != '\0'; c++) {
-        if (*c == '"' || *c == '\\')
-            fprintf(out, "\\%c", *c);
-        else if (*c == '\n')
-            fputs("\\n", out);
-        else if (*c == '\t')
-            fputs("\\t", out);
-        else if (*c < 0x20 || *c == 0x7f)
-            fprintf(out, "\\u%04x", *c);
-        else
-            fputc(*c, out);
+    return j.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
+}
+
+static Json modules_array(const Modules &modules)
+{
+    Json list = Json::array();
+
+    for (const Module &m : modules)
+        list.push_back({{"id", m.id},
+                        {"name", module_name(m.id)},
+                        {"pipe", m.pipe},
+                        {"state", module_state(m.failed)}});
+    return list;
+}
+
+static Json pipes_array(const Pipes &pipes)
+{
+    Json list = Json::array();
+
+    for (const Pipe &p : pipes)
+        list.push_back({{"pipe", p.pipe}, {"state", pipe_state(p.up)}});
+    return list;
+}
+
+static Json stats_object(uint32_t module_id, uint32_t pipe,
+                         const Counters &counters)
+{
+    Json values = Json::object();
+
+    for (const Counter &c : counters)
+        values[c.name] = c.value;
+    return {{"module", module_name(module_id)},
+            {"module_id", module_id},
+            {"pipe", pipe},
+            {"counters", values}};
+}
+
+std::string modules_json(const Modules &modules)
+{
+    return line({{"modules", modules_array(modules)}});
+}
+
+std::string pipes_json(const Pipes &pipes)
+{
+    return line({{"pipes", pipes_array(pipes)}});
+}
+
+std::string pipe_json(uint32_t pipe, bool up)
+{
+    return line({{"pipe", pipe}, {"state", pipe_state(up)}});
+}
+
+std::string stats_json(uint32_t module_id, uint32_t pipe,
+                       const Counters &counters, bool cleared)
+{
+    Json j = stats_object(module_id, pipe, counters);
+
+    j["cleared"] = cleared;
+    return line(j);
+}
+
+std::string reg_json(uint32_t offset, uint32_t value)
+{
+    return line({{"offset", offset}, {"value", value}});
+}
+
+std::string loopback_json(uint32_t pipe, uint32_t mask)
+{
+    return line(
+        {{"pipe", pipe}, {"mask", mask}, {"types", loopback_types(mask)}});
+}
+
+std::string qos_json(uint32_t pipe, uint32_t profile, uint32_t priority)
+{
+    return line({{"pipe", pipe},
+                 {"profile", profile},
+                 {"priority", priority_name(priority)}});
+}
+
+std::string snapshot_json(const Snapshot &s)
+{
+    Json stats = Json::array();
+
+    for (size_t i = 0; i < s.modules.size(); i++)
+        if (has_stats(s.modules[i].id))
+            stats.push_back(
+                stats_object(s.modules[i].id, s.modules[i].pipe, s.stats[i]));
+    return line({{"modules", modules_array(s.modules)},
+                 {"pipes", pipes_array(s.pipes)},
+                 {"stats", stats}});
+}
+
+/* Prometheus text */
+
+namespace prom = prometheus;
+
+static prom::ClientMetric sample(std::vector<prom::ClientMetric::Label> labels,
+                                 prom::MetricType type, double value)
+{
+    prom::ClientMetric metric;
+
+    metric.label = std::move(labels);
+    if (type == prom::MetricType::Counter)
+        metric.counter.value = value;
+    else
+        metric.gauge.value = value;
+    return metric;
+}
+
+std::string snapshot_metrics(const Snapshot &s)
+{
+    prom::MetricFamily failed{
+        "pellin_module_failed",
+        "1 when the module instance has reported a fatal hardware error "
+        "(FAILED), 0 when OK.",
+        prom::MetricType::Gauge,
+        {}};
+    prom::MetricFamily up{"pellin_pipe_up",
+                          "1 when the traffic pipe is up, 0 when it is down.",
+                          prom::MetricType::Gauge,
+                          {}};
+    prom::MetricFamily counters{"pellin_block_counter_total",
+                                "Statistics counter of a hardware block, "
+                                "named by its register source.",
+                                prom::MetricType::Counter,
+                                {}};
+
+    for (size_t i = 0; i < s.modules.size(); i++) {
+        const std::string module = module_name(s.modules[i].id);
+        const std::string pipe = std::to_string(s.modules[i].pipe);
+
+        failed.metric.push_back(sample({{"module", module}, {"pipe", pipe}},
+                                       failed.type, s.modules[i].failed));
+        for (const Counter &c : s.stats[i])
+            counters.metric.push_back(sample(
+                {{"module", module}, {"pipe", pipe}, {"counter", c.name}},
+                counters.type, static_cast<double>(c.value)));
     }
-    fputc('"', out);
+    for (const Pipe &p : s.pipes)
+        up.metric.push_back(
+            sample({{"pipe", std::to_string(p.pipe)}}, up.type, p.up));
+    return prom::TextSerializer().Serialize({failed, up, counters});
 }
 
-/* The comma before a member and its key, when it has one. */
-static void json_member(struct lhctl_json *j, const char *key)
-{
-    if (!j->first[j->depth])
-        fputc(',', j->out);
-    j->first[j->depth] = false;
-    if (key != NULL) {
-        json_write_string(j->out, key);
-        fputc(':', j->out);
-    }
-}
-
-static void json_open(struct lhctl_json *j, const char *key, char opener,
-                      char closer)
-{
-    json_member(j, key);
-    fputc(opener, j->out);
-    if (j->depth + 1 < LHCTL_JSON_DEPTH)
-        j->depth++;
-    j->closer[j->depth] = closer;
-    j->first[j->depth] = true;
-}
-
-void lhctl_json_begin(struct lhctl_json *j, FILE *out)
-{
-    *j = lhctl_json{.out = out, .first = {true}};
-    fputc('{', out);
-    j->closer[0] = '}';
-}
-
-void lhctl_json_end(struct lhctl_json *j)
-{
-    while (j->depth > 0)
-        lhctl_json_close(j);
-    fputs("}\n", j->out);
-}
-
-void lhctl_json_object(struct lhctl_json *j, const char *key)
-{
-    json_open(j, key, '{', '}');
-}
-
-void lhctl_json_array(struct lhctl_json *j, const char *key)
-{
-    json_open(j, key, '[', ']');
-}
-
-void lhctl_json_close(struct lhctl_json *j)
-{
-    if (j->depth == 0)
-        return;
-    fputc(j->closer[j->depth], j->out);
-    j->depth--;
-}
-
-void lhctl_json_string(struct lhctl_json *j, const char *key, const char *value)
-{
-    json_member(j, key);
-    json_write_string(j->out, value);
-}
-
-void lhctl_json_uint(struct lhctl_json *j, const char *key, uint64_t value)
-{
-    json_member(j, key);
-    fprintf(j->out, "%" PRIu64, value);
-}
-
-void lhctl_json_bool(struct lhctl_json *j, const char *key, bool value)
-{
-    json_member(j, key);
-    fputs(value ? "true" : "false", j->out);
-}
-
-/* Prometheus text format */
-
-/* Metric names are [a-zA-Z_:][a-zA-Z0-9_:]*, label names the same without
- * ':'; anything else is written as '_' (a leading digit too). */
-static void prom_write_name(FILE *out, const char *name, bool colon)
-{
-    for (const char *c = name; *c != '\0'; c++) {
-        bool letter = (*c >= 'a' && *c <= 'z') || (*c >= 'A' && *c <= 'Z') ||
-                      *c == '_' || (*c == ':' && colon);
-        bool digit = *c >= '0' && *c <= '9';
-
-        fputc(letter || (digit && c != name) ? *c : '_', out);
-    }
-}
-
-/* Label values escape backslash, double quote and newline; HELP text only
- * backslash and newline. */
-static void prom_write_escaped(FILE *out, const char *text, bool quote)
-{
-    for (const char *c = text; *c != '\0'; c++) {
-        if (*c == '\\')
-            fputs("\\\\", out);
-        else if (*c == '\n')
-            fputs("\\n", out);
-        else if (*c == '"' && quote)
-            fputs("\\\"", out);
-        else
-            fputc(*c, out);
-    }
-}
-
-void lhctl_prom_family(FILE *out, const char *name, const char *type,
-                       const char *help)
-{
-    fputs("# HELP ", out);
-    prom_write_name(out, name, true);
-    fputc(' ', out);
-    prom_write_escaped(out, help, false);
-    fputs("\n# TYPE ", out);
-    prom_write_name(out, name, true);
-    fprintf(out, " %s\n", type);
-}
-
-void lhctl_prom_sample(FILE *out, const char *name,
-                       const struct lhctl_label *labels, size_t count,
-                       uint64_t value)
-{
-    prom_write_name(out, name, true);
-    for (size_t i = 0; i < count; i++) {
-        fputc(i == 0 ? '{' : ',', out);
-        prom_write_name(out, labels[i].name, false);
-        fputs("=\"", out);
-        prom_write_escaped(out, labels[i].value, true);
-        fputc('"', out);
-    }
-    fprintf(out, "%s %" PRIu64 "\n", count > 0 ? "}" : "", value);
-}
+} // namespace lhctl

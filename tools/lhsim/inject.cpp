@@ -1,473 +1,322 @@
 /* What hardware does, done to a board's window while the daemon runs: fatal
  * errors, link changes, counter values and plain register access. Every
- * block is found through the FPGA library's own layout tables
- * (lh_block_layout_of), so a fault lands exactly where the driver looks. */
-#include <errno.h>
-#include <getopt.h>
-#include <stdio.h>
-#include <stdlib.h>
-#include <string.h>
+ * block is found through the FPGA library's own layout tables, so a fault
+ * lands exactly where the driver looks. */
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <optional>
 
-#include "lh_device.hpp"
+#include "lh_tables.hpp"
 #include "lhsim.hpp"
 
-/* A block of one pipe on an open board. */
-struct target {
-    struct lhsim_board board;
-    uint32_t module_id;
-    uint32_t pipe;
-    struct lh_block_layout layout;
-    uint32_t base; /* the block's offset in the window */
-};
+namespace lhsim {
+
+namespace {
+
+using lhtables::CounterSource;
+using lhtables::ErrorRow;
+using lhtables::Layout;
 
 /* The receive-aligned bit of each port block. */
-static const struct port_status {
+constexpr struct PortStatus {
     uint32_t module_id;
     uint32_t reg;
     unsigned bit;
-} ports[] = {
-    {LH_MOD_CAUI, 0x0824, 24},
-    {LH_MOD_ETH, 0x1024, 3},
+} kPorts[] = {
+    {lhtables::kCaui, 0x0824, 24},
+    {lhtables::kEth, 0x1024, 3},
 };
 
-static const char *image_name(uint32_t device_type)
+const char *image_name(uint32_t device_type)
 {
-    return device_type == LH_DEV_TYPE_LHX ? "LHX" : "base";
+    return device_type == lhtables::kLhxImage ? "LHX" : "base";
 }
 
-/* MODULE by name or id; says why not and returns -1. */
-static int find_module(const char *text, uint32_t *module_id,
-                       struct lh_block_layout *layout)
-{
-    uint32_t id = LH_MOD_COUNT;
+/* MODULE by name or id, with its layout. */
+struct Module {
+    uint32_t id;
+    Layout layout;
+};
 
-    for (uint32_t i = 0; i < LH_MOD_COUNT && id == LH_MOD_COUNT; i++)
-        if (strcmp(text, lh_module_names[i]) == 0)
-            id = i;
-    if (id == LH_MOD_COUNT && lhsim_parse_u32(text, &id) < 0)
-        id = LH_MOD_COUNT;
-    if (id >= LH_MOD_COUNT || lh_block_layout_of(id, layout) < 0) {
-        fprintf(stderr,
-                "lhsim: no module \"%s\" (names: global, pcie, ddr4, "
-                "caui, nic, ingress-pkt-parser, ... or ids 0-14)\n",
-                text);
-        return -1;
+Module find_module(const std::string &text)
+{
+    std::optional<uint32_t> id = lhtables::module_by_name(text);
+    std::optional<Layout> layout;
+
+    if (!id) {
+        try {
+            id = parse_u32(text);
+        } catch (const UsageError &) {
+        }
     }
-    *module_id = id;
-    return 0;
+    if (id && *id < lhtables::kModuleCount)
+        layout = lhtables::layout_of(*id);
+    if (!layout)
+        throw Failure(Exit::usage,
+                      format("no module \"%s\" (names: global, pcie, ddr4, "
+                             "caui, nic, ingress-pkt-parser, ... or ids 0-14)",
+                             text.c_str()));
+    return {*id, *layout};
 }
 
-/* Refuses a block of the other image or a pipe the board does not have. */
-static int check_target(const struct target *t)
-{
-    const char *module = lh_module_names[t->module_id];
-    uint32_t pipes = t->layout.per_pipe ? t->board.kind->pipes : 1;
-
-    if (t->layout.device_type != t->board.kind->device_type) {
-        fprintf(stderr,
-                "lhsim: %s is a module of the %s image, not of the %s board "
-                "in %s\n",
-                module, image_name(t->layout.device_type),
-                sim_board_kind_name(t->board.kind->kind), t->board.root);
-        return -1;
+/* A block of one pipe on an open board. */
+struct Target {
+    Target(const Args &a, Module m, uint32_t pipe_number)
+        : board(a.dir), module(m), pipe(pipe_number)
+    {
+        place();
     }
-    if (t->pipe >= pipes) {
-        fprintf(stderr, "lhsim: the %s board in %s has no %s pipe %u\n",
-                sim_board_kind_name(t->board.kind->kind), t->board.root, module,
-                t->pipe);
-        return -1;
-    }
-    return 0;
-}
+    const char *name() const { return lhtables::module_name(module.id); }
+    const Layout &layout() const { return module.layout; }
 
-/* Places the named block on the open board, or refuses it and closes the
- * board: LHSIM_OK or the exit status. */
-static int place_target(struct target *t, uint32_t pipe)
-{
-    t->pipe = pipe;
-    if (check_target(t) < 0) {
-        lhsim_board_close(&t->board);
-        return LHSIM_USAGE;
+    void write(uint32_t reg, uint32_t value) const
+    {
+        if (!board.write(base + reg, value))
+            write_failed(reg);
     }
-    t->base = t->layout.offsets[pipe];
-    return LHSIM_OK;
-}
+    void set_bit(uint32_t reg, unsigned bit, bool on) const
+    {
+        if (!board.set_bit(base + reg, bit, on))
+            write_failed(reg);
+    }
 
-/* DIR MODULE PIPE as the arguments give them. */
-static int open_block(const struct lhsim_command *command, char **args,
-                      struct target *t)
-{
+    Board board;
+    Module module;
     uint32_t pipe;
+    uint32_t base = 0; /* the block's offset in the window */
 
-    if (lhsim_parse_u32(args[2], &pipe) < 0)
-        return lhsim_usage(command);
-    if (find_module(args[1], &t->module_id, &t->layout) < 0)
-        return LHSIM_USAGE;
-    if (lhsim_board_open(args[0], &t->board) < 0)
-        return LHSIM_FAILED;
-    return place_target(t, pipe);
-}
+private:
+    /* Refuses a block of the other image or a pipe the board lacks. */
+    void place()
+    {
+        const Kind &kind = board.kind();
+        const char *kind_name = sim_board_kind_name(kind.kind);
 
-static int write_failed(struct target *t, uint32_t offset)
+        if (layout().device_type != kind.device_type)
+            throw Failure(Exit::usage,
+                          format("%s is a module of the %s image, not of the "
+                                 "%s board in %s",
+                                 name(), image_name(layout().device_type),
+                                 kind_name, board.root().c_str()));
+        if (pipe >= (layout().per_pipe ? kind.pipes : 1))
+            throw Failure(Exit::usage,
+                          format("the %s board in %s has no %s pipe %u",
+                                 kind_name, board.root().c_str(), name(), pipe));
+        base = layout().offsets[pipe];
+    }
+
+    [[noreturn]] void write_failed(uint32_t reg) const
+    {
+        throw Failure(Exit::failed, format("cannot write 0x%05x of %s: %s",
+                                           base + reg, board.window().c_str(),
+                                           strerror(errno)));
+    }
+};
+
+/* Both numbers are read before anything else is looked at. */
+Target open_block(const Args &a)
 {
-    fprintf(stderr, "lhsim: cannot write 0x%05x of %s: %s\n", offset,
-            t->board.window, strerror(errno));
-    lhsim_board_close(&t->board);
-    return LHSIM_FAILED;
+    uint32_t pipe = parse_u32(a.pipe);
+
+    return Target(a, find_module(a.module), pipe);
 }
 
 /* --bit N, or --bit REG:N for a block with that bit in several registers. */
-struct bit_choice {
-    int given = {};
-    int has_reg = {};
-    uint32_t reg = {};
-    uint32_t bit = {};
+struct BitChoice {
+    std::optional<uint32_t> reg;
+    uint32_t bit;
 };
 
-static int parse_bit(const char *text, struct bit_choice *choice)
+BitChoice parse_bit(const std::string &text)
 {
-    const char *colon = strchr(text, ':');
-    char reg[32];
+    size_t colon = text.find(':');
+    BitChoice choice{};
 
-    choice->given = 1;
-    choice->has_reg = colon != NULL;
-    if (colon != NULL) {
-        if ((size_t)(colon - text) >= sizeof(reg))
-            return -1;
-        memcpy(reg, text, (size_t)(colon - text));
-        reg[colon - text] = '\0';
-        if (lhsim_parse_u32(reg, &choice->reg) < 0)
-            return -1;
-        text = colon + 1;
+    if (colon != std::string::npos)
+        choice.reg = parse_u32(text.substr(0, colon));
+    choice.bit = parse_u32(text.substr(colon == std::string::npos ? 0 : colon + 1));
+    if (choice.bit > 31)
+        throw UsageError{};
+    return choice;
+}
+
+bool matches(const ErrorRow &row, const BitChoice &choice)
+{
+    return row.bit == choice.bit && (!choice.reg || row.reg == *choice.reg);
+}
+
+/* The one row at the chosen bit; a bit listed twice in one register is
+ * reported by its first row. */
+const ErrorRow &row_by_bit(const Layout &l, const BitChoice &choice)
+{
+    const ErrorRow *found = nullptr;
+    bool several = false;
+    std::string registers;
+
+    for (const ErrorRow &row : lhtables::errors_of(l)) {
+        if (!matches(row, choice))
+            continue;
+        registers += format(" 0x%x", row.reg);
+        several = several || (found != nullptr && found->reg != row.reg);
+        found = found != nullptr ? found : &row;
     }
-    return lhsim_parse_u32(text, &choice->bit) < 0 || choice->bit > 31 ? -1 : 0;
+    if (found == nullptr)
+        throw Failure(Exit::usage,
+                      format("no fatal error at bit %u", choice.bit));
+    if (several)
+        throw Failure(Exit::usage,
+                      format("bit %u is in more than one register:%s; say "
+                             "which: --bit REG:%u",
+                             choice.bit, registers.c_str(), choice.bit));
+    return *found;
 }
 
-static const struct lh_error_bit *row_by_text(const struct lh_block_layout *l,
-                                              const char *text)
+/* The first row of a text that a table lists more than once. */
+const ErrorRow &row_by_text(const Target &t, const std::string &text)
 {
-    for (size_t i = 0; i < l->error_count; i++)
-        if (strcmp(l->errors[i].text, text) == 0)
-            return &l->errors[i]; /* the first of a repeated text */
-    return NULL;
-}
-
-static int row_matches(const struct lh_error_bit *row,
-                       const struct bit_choice *choice)
-{
-    return row->bit == choice->bit &&
-           (!choice->has_reg || row->reg == choice->reg);
-}
-
-static void say_ambiguous(const struct lh_block_layout *l,
-                          const struct bit_choice *choice)
-{
-    fprintf(stderr, "lhsim: bit %u is in more than one register:", choice->bit);
-    for (size_t i = 0; i < l->error_count; i++)
-        if (row_matches(&l->errors[i], choice))
-            fprintf(stderr, " 0x%x", l->errors[i].reg);
-    fprintf(stderr, "; say which: --bit REG:%u\n", choice->bit);
-}
-
-/* The one row at the chosen bit; none or several are said, give null. */
-static const struct lh_error_bit *row_by_bit(const struct lh_block_layout *l,
-                                             const struct bit_choice *choice)
-{
-    const struct lh_error_bit *found = NULL;
-
-    for (size_t i = 0; i < l->error_count; i++) {
-        if (!row_matches(&l->errors[i], choice) ||
-            (found != NULL && found->reg == l->errors[i].reg))
-            continue; /* a bit listed twice is reported by its first row */
-        if (found != NULL) {
-            say_ambiguous(l, choice);
-            return NULL;
-        }
-        found = &l->errors[i];
-    }
-    if (found == NULL)
-        fprintf(stderr, "lhsim: no fatal error at bit %u\n", choice->bit);
-    return found;
-}
-
-static const struct lh_error_bit *choose_row(const struct target *t,
-                                             const char *text,
-                                             const struct bit_choice *choice)
-{
-    const struct lh_error_bit *row;
-
-    if (choice->given)
-        return row_by_bit(&t->layout, choice);
-    row = row_by_text(&t->layout, text);
-    if (row == NULL)
-        fprintf(stderr,
-                "lhsim: %s has no fatal error \"%s\" (lhsim errors "
-                "%s lists them)\n",
-                lh_module_names[t->module_id], text,
-                lh_module_names[t->module_id]);
-    return row;
+    for (const ErrorRow &row : lhtables::errors_of(t.layout()))
+        if (text == row.text)
+            return row;
+    throw Failure(Exit::usage,
+                  format("%s has no fatal error \"%s\" (lhsim errors %s lists "
+                         "them)",
+                         t.name(), text.c_str(), t.name()));
 }
 
 /* The row the driver reports for row's bit: the first that tests it. */
-static const struct lh_error_bit *reported_row(const struct lh_block_layout *l,
-                                               const struct lh_error_bit *row)
+const ErrorRow &reported_row(const Layout &l, const ErrorRow &row)
 {
-    for (size_t i = 0; i < l->error_count; i++)
-        if (l->errors[i].reg == row->reg && l->errors[i].bit == row->bit)
-            return &l->errors[i];
+    for (const ErrorRow &each : lhtables::errors_of(l))
+        if (each.reg == row.reg && each.bit == row.bit)
+            return each;
     return row;
 }
 
-static void say_raised(const struct target *t, const struct lh_error_bit *row)
-{
-    const struct lh_error_bit *reported = reported_row(&t->layout, row);
+} // namespace
 
-    printf("%s pipe %u: 0x%05x bit %u set (%s", t->layout.name, t->pipe,
-           t->base + row->reg, row->bit, row->text);
-    if (reported != row)
-        printf("; the driver reports it as %s", reported->text);
+Exit fatal(const Args &a)
+{
+    if (a.bit.empty() == a.text.empty())
+        throw UsageError{};
+    std::optional<BitChoice> choice;
+    if (!a.bit.empty())
+        choice = parse_bit(a.bit);
+    Target t = open_block(a);
+    const ErrorRow &row =
+        choice ? row_by_bit(t.layout(), *choice) : row_by_text(t, a.text);
+    const ErrorRow &reported = reported_row(t.layout(), row);
+
+    t.set_bit(row.reg, row.bit, true);
+    printf("%s pipe %u: 0x%05x bit %u set (%s", t.layout().name, t.pipe,
+           t.base + row.reg, row.bit, row.text);
+    if (&reported != &row)
+        printf("; the driver reports it as %s", reported.text);
     printf(")\n");
+    return Exit::ok;
 }
 
-static int raise_fatal(const struct lhsim_command *command, char **args,
-                       const char *text, const struct bit_choice *choice)
+Exit clear_fatal(const Args &a)
 {
-    const struct lh_error_bit *row;
-    struct target t;
-    int rc = open_block(command, args, &t);
+    Target t = open_block(a);
 
-    if (rc != LHSIM_OK)
-        return rc;
-    row = choose_row(&t, text, choice);
-    if (row == NULL) {
-        lhsim_board_close(&t.board);
-        return LHSIM_USAGE;
+    for (const ErrorRow &row : lhtables::errors_of(t.layout()))
+        t.set_bit(row.reg, row.bit, false);
+    printf("%s pipe %u: fatal error bits cleared\n", t.layout().name, t.pipe);
+    return Exit::ok;
+}
+
+Exit link(const Args &a)
+{
+    uint32_t pipe = parse_u32(a.pipe);
+
+    if (a.state != "up" && a.state != "down")
+        throw UsageError{};
+    const bool up = a.state == "up";
+    Board board(a.dir);
+    for (const PortStatus &port : kPorts) {
+        std::optional<Layout> layout = lhtables::layout_of(port.module_id);
+
+        if (!layout || layout->device_type != board.kind().device_type)
+            continue;
+        Target t(a, Module{port.module_id, *layout}, pipe);
+        t.set_bit(port.reg, port.bit, up);
+        printf("%s pipe %u: link %s (0x%05x bit %u %s)\n", layout->name, pipe,
+               a.state.c_str(), t.base + port.reg, port.bit,
+               up ? "set" : "clear");
+        return Exit::ok;
     }
-    if (lhsim_board_set_bit(&t.board, t.base + row->reg, row->bit, 1) < 0)
-        return write_failed(&t, t.base + row->reg);
-    say_raised(&t, row);
-    lhsim_board_close(&t.board);
-    return LHSIM_OK;
+    throw Failure(Exit::failed, board.root() + " has no port block");
 }
 
-int lhsim_fatal(const struct lhsim_command *command, int argc, char **argv)
+/* A 64-bit counter goes into both registers the driver composes it from. */
+Exit counter(const Args &a)
 {
-    static const struct option long_options[] = {
-        {"bit", required_argument, NULL, 'n'},
-        {NULL, 0, NULL, 0},
-    };
-    struct bit_choice choice = {};
-    int option, wanted;
+    uint32_t index = parse_u32(a.index);
+    uint64_t value = parse_u64(a.value);
+    Target t = open_block(a);
+    auto sources = lhtables::counters_of(t.layout());
 
-    while ((option = getopt_long(argc, argv, "", long_options, NULL)) != -1)
-        if (option != 'n' || parse_bit(optarg, &choice) < 0)
-            return lhsim_usage(command);
-    wanted = choice.given ? 3 : 4; /* DIR MODULE PIPE [TEXT] */
-    if (argc - optind != wanted)
-        return lhsim_usage(command);
-    return raise_fatal(command, &argv[optind],
-                       choice.given ? NULL : argv[optind + 3], &choice);
+    if (index >= sources.size())
+        throw Failure(Exit::usage, format("%s has %zu counters, no counter %u",
+                                          t.name(), sources.size(), index));
+    const CounterSource &source = sources[index];
+    if (source.high == lhtables::kNoRegister && value > UINT32_MAX)
+        throw Failure(Exit::usage,
+                      format("counter %u of %s is 32-bit; 0x%llx does not fit",
+                             index, t.name(),
+                             static_cast<unsigned long long>(value)));
+    if (source.high != lhtables::kNoRegister)
+        t.write(source.high, static_cast<uint32_t>(value >> 32));
+    t.write(source.low, static_cast<uint32_t>(value));
+    printf("%s pipe %u: counter %u = 0x%llx\n", t.layout().name, t.pipe, index,
+           static_cast<unsigned long long>(value));
+    return Exit::ok;
 }
 
-int lhsim_clear_fatal(const struct lhsim_command *command, int argc,
-                      char **argv)
+/* OFFSET must be a word of the window. */
+static void check_word(const Board &board, uint32_t offset)
 {
-    struct target t;
-    int rc;
-
-    if (argc != 4)
-        return lhsim_usage(command);
-    rc = open_block(command, &argv[1], &t);
-    if (rc != LHSIM_OK)
-        return rc;
-    for (size_t i = 0; i < t.layout.error_count; i++) {
-        const struct lh_error_bit *row = &t.layout.errors[i];
-
-        if (lhsim_board_set_bit(&t.board, t.base + row->reg, row->bit, 0) < 0)
-            return write_failed(&t, t.base + row->reg);
-    }
-    printf("%s pipe %u: fatal error bits cleared\n", t.layout.name, t.pipe);
-    lhsim_board_close(&t.board);
-    return LHSIM_OK;
+    if (offset % 4 != 0 || offset > board.window_size() - 4)
+        throw Failure(Exit::usage,
+                      format("0x%x is not a word of the 0x%x-byte window",
+                             offset, board.window_size()));
 }
 
-static int parse_state(const char *text, int *up)
+Exit peek(const Args &a)
 {
-    *up = strcmp(text, "up") == 0;
-    return *up || strcmp(text, "down") == 0 ? 0 : -1;
+    uint32_t offset = parse_u32(a.offset);
+    Board board(a.dir);
+    uint32_t value;
+
+    check_word(board, offset);
+    if (!board.read(offset, &value))
+        throw Failure(Exit::failed, format("cannot read %s: %s",
+                                           board.window().c_str(),
+                                           strerror(errno)));
+    printf("0x%08x\n", value);
+    return Exit::ok;
 }
 
-/* The port block of the board's image. */
-static const struct port_status *port_of(const struct lhsim_board *board,
-                                         struct lh_block_layout *layout)
+Exit poke(const Args &a)
 {
-    for (size_t i = 0; i < sizeof(ports) / sizeof(ports[0]); i++)
-        if (lh_block_layout_of(ports[i].module_id, layout) == 0 &&
-            layout->device_type == board->kind->device_type)
-            return &ports[i];
-    return NULL;
+    uint32_t offset = parse_u32(a.offset);
+    uint32_t value = parse_u32(a.value);
+    Board board(a.dir);
+
+    check_word(board, offset);
+    if (!board.write(offset, value))
+        throw Failure(Exit::failed, format("cannot write %s: %s",
+                                           board.window().c_str(),
+                                           strerror(errno)));
+    return Exit::ok;
 }
 
-int lhsim_link(const struct lhsim_command *command, int argc, char **argv)
+Exit errors(const Args &a)
 {
-    const struct port_status *port;
-    struct target t;
-    uint32_t pipe;
-    int up, rc;
-
-    if (argc != 4 || lhsim_parse_u32(argv[2], &pipe) < 0 ||
-        parse_state(argv[3], &up) < 0)
-        return lhsim_usage(command);
-    if (lhsim_board_open(argv[1], &t.board) < 0)
-        return LHSIM_FAILED;
-    port = port_of(&t.board, &t.layout);
-    if (port == NULL) {
-        fprintf(stderr, "lhsim: %s has no port block\n", t.board.root);
-        lhsim_board_close(&t.board);
-        return LHSIM_FAILED;
-    }
-    t.module_id = port->module_id;
-    rc = place_target(&t, pipe);
-    if (rc != LHSIM_OK)
-        return rc;
-    if (lhsim_board_set_bit(&t.board, t.base + port->reg, port->bit, up) < 0)
-        return write_failed(&t, t.base + port->reg);
-    printf("%s pipe %u: link %s (0x%05x bit %u %s)\n", t.layout.name, pipe,
-           argv[3], t.base + port->reg, port->bit, up ? "set" : "clear");
-    lhsim_board_close(&t.board);
-    return LHSIM_OK;
+    for (const ErrorRow &row : lhtables::errors_of(find_module(a.module).layout))
+        printf("0x%04x %2u %s\n", row.reg, row.bit, row.text);
+    return Exit::ok;
 }
 
-/* Checks INDEX and VALUE against the block's counter table. */
-static const struct lh_counter_source *
-choose_counter(const struct target *t, uint32_t index, uint64_t value)
-{
-    const struct lh_counter_source *source;
-
-    if (index >= t->layout.counter_count) {
-        fprintf(stderr, "lhsim: %s has %zu counters, no counter %u\n",
-                lh_module_names[t->module_id], t->layout.counter_count, index);
-        return NULL;
-    }
-    source = &t->layout.counters[index];
-    if (source->high == LH_NO_REGISTER && value > UINT32_MAX) {
-        fprintf(stderr,
-                "lhsim: counter %u of %s is 32-bit; 0x%llx does not "
-                "fit\n",
-                index, lh_module_names[t->module_id],
-                (unsigned long long)value);
-        return NULL;
-    }
-    return source;
-}
-
-static int put_counter(struct target *t, const struct lh_counter_source *s,
-                       uint64_t value)
-{
-    if (s->high != LH_NO_REGISTER &&
-        lhsim_board_write(&t->board, t->base + s->high,
-                          (uint32_t)(value >> 32)) < 0)
-        return write_failed(t, t->base + s->high);
-    if (lhsim_board_write(&t->board, t->base + s->low, (uint32_t)value) < 0)
-        return write_failed(t, t->base + s->low);
-    return LHSIM_OK;
-}
-
-int lhsim_counter(const struct lhsim_command *command, int argc, char **argv)
-{
-    const struct lh_counter_source *source;
-    struct target t;
-    uint32_t index;
-    uint64_t value;
-    int rc;
-
-    if (argc != 6 || lhsim_parse_u32(argv[4], &index) < 0 ||
-        lhsim_parse_u64(argv[5], &value) < 0)
-        return lhsim_usage(command);
-    rc = open_block(command, &argv[1], &t);
-    if (rc != LHSIM_OK)
-        return rc;
-    source = choose_counter(&t, index, value);
-    if (source == NULL) {
-        lhsim_board_close(&t.board);
-        return LHSIM_USAGE;
-    }
-    rc = put_counter(&t, source, value);
-    if (rc != LHSIM_OK)
-        return rc;
-    printf("%s pipe %u: counter %u = 0x%llx\n", t.layout.name, t.pipe, index,
-           (unsigned long long)value);
-    lhsim_board_close(&t.board);
-    return LHSIM_OK;
-}
-
-/* Opens DIR for a word of its window: LHSIM_OK or the exit status. */
-static int open_word(const char *dir, uint32_t offset,
-                     struct lhsim_board *board)
-{
-    if (lhsim_board_open(dir, board) < 0)
-        return LHSIM_FAILED;
-    if (offset % 4 != 0 || offset > board->window_size - 4) {
-        fprintf(stderr, "lhsim: 0x%x is not a word of the 0x%x-byte window\n",
-                offset, board->window_size);
-        lhsim_board_close(board);
-        return LHSIM_USAGE;
-    }
-    return LHSIM_OK;
-}
-
-int lhsim_peek(const struct lhsim_command *command, int argc, char **argv)
-{
-    struct lhsim_board board;
-    uint32_t offset, value;
-    int rc;
-
-    if (argc != 3 || lhsim_parse_u32(argv[2], &offset) < 0)
-        return lhsim_usage(command);
-    rc = open_word(argv[1], offset, &board);
-    if (rc != LHSIM_OK)
-        return rc;
-    rc = lhsim_board_read(&board, offset, &value);
-    if (rc == 0)
-        printf("0x%08x\n", value);
-    else
-        fprintf(stderr, "lhsim: cannot read %s: %s\n", board.window,
-                strerror(errno));
-    lhsim_board_close(&board);
-    return rc == 0 ? LHSIM_OK : LHSIM_FAILED;
-}
-
-int lhsim_poke(const struct lhsim_command *command, int argc, char **argv)
-{
-    struct lhsim_board board;
-    uint32_t offset, value;
-    int rc;
-
-    if (argc != 4 || lhsim_parse_u32(argv[2], &offset) < 0 ||
-        lhsim_parse_u32(argv[3], &value) < 0)
-        return lhsim_usage(command);
-    rc = open_word(argv[1], offset, &board);
-    if (rc != LHSIM_OK)
-        return rc;
-    rc = lhsim_board_write(&board, offset, value);
-    if (rc != 0)
-        fprintf(stderr, "lhsim: cannot write %s: %s\n", board.window,
-                strerror(errno));
-    lhsim_board_close(&board);
-    return rc == 0 ? LHSIM_OK : LHSIM_FAILED;
-}
-
-int lhsim_errors(const struct lhsim_command *command, int argc, char **argv)
-{
-    struct lh_block_layout layout;
-    uint32_t module_id;
-
-    if (argc != 2)
-        return lhsim_usage(command);
-    if (find_module(argv[1], &module_id, &layout) < 0)
-        return LHSIM_USAGE;
-    for (size_t i = 0; i < layout.error_count; i++)
-        printf("0x%04x %2u %s\n", layout.errors[i].reg, layout.errors[i].bit,
-               layout.errors[i].text);
-    return LHSIM_OK;
-}
+} // namespace lhsim

@@ -1,94 +1,132 @@
-/* lhsim: the simulated Larks Hollow board as a tool. The subcommands share
- * this header: the table entry each one runs from, a board directory opened
- * from its files, and the block a fault is aimed at. */
-#ifndef LHSIM_H
-#define LHSIM_H
+/* lhsim: the simulated Larks Hollow board as a tool. The commands share
+ * this header: their arguments as the command line gave them, a board
+ * directory opened from its files, and how a command ends early. */
+#ifndef LHSIM_HPP
+#define LHSIM_HPP
 
-#include <limits.h>
-#include <stddef.h>
-#include <stdint.h>
 #include <sys/types.h>
 
-#include "lh_block_ops.hpp"
+#include <cstdint>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
 #include "simboard.hpp"
 
-/* Exit statuses of every subcommand. */
-enum {
-    LHSIM_OK = 0,
-    LHSIM_FAILED = 1, /* no board, or the board could not be changed */
-    LHSIM_USAGE = 2,  /* bad arguments, or a target the board does not have */
+namespace lhsim {
+
+using KindId = enum sim_board_kind;
+
+/* Exit statuses of every command. */
+enum class Exit : int {
+    ok = 0,
+    failed = 1, /* no board, or the board could not be changed */
+    usage = 2,  /* bad arguments, or a target the board does not have */
 };
 
-struct lhsim_command {
-    const char *name;
-    int (*handler)(const struct lhsim_command *command, int argc,
-                   char **argv); /* argv[0] is the subcommand's name */
-    const char *usage;           /* the arguments after the name */
+/* Thrown where a command ends early; main prints "lhsim: " and the text
+ * unless it is empty (said already). */
+class Failure : public std::runtime_error {
+public:
+    Failure(Exit exit, const std::string &text)
+        : std::runtime_error(text), exit_(exit)
+    {
+    }
+    Exit exit() const { return exit_; }
+
+private:
+    Exit exit_;
 };
 
-/* Prints "usage: lhsim NAME USAGE" and returns LHSIM_USAGE. */
-int lhsim_usage(const struct lhsim_command *command);
-/* Numbers as C writes them (0x1f, 31); 0, or -1 when text is not one. */
-int lhsim_parse_u32(const char *text, uint32_t *value);
-int lhsim_parse_u64(const char *text, uint64_t *value);
+/* Bad arguments: main prints the command's usage line, exit 2. */
+struct UsageError {};
 
-/* lifecycle.c */
-int lhsim_create(const struct lhsim_command *command, int argc, char **argv);
-int lhsim_run(const struct lhsim_command *command, int argc, char **argv);
-int lhsim_shell(const struct lhsim_command *command, int argc, char **argv);
-int lhsim_destroy(const struct lhsim_command *command, int argc, char **argv);
+std::string format(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
+/* Numbers as C writes them (0x1f, 31); a usage error otherwise. */
+uint32_t parse_u32(const std::string &text);
+uint64_t parse_u64(const std::string &text);
 
-/* inject.c */
-int lhsim_fatal(const struct lhsim_command *command, int argc, char **argv);
-int lhsim_clear_fatal(const struct lhsim_command *command, int argc,
-                      char **argv);
-int lhsim_link(const struct lhsim_command *command, int argc, char **argv);
-int lhsim_counter(const struct lhsim_command *command, int argc, char **argv);
-int lhsim_peek(const struct lhsim_command *command, int argc, char **argv);
-int lhsim_poke(const struct lhsim_command *command, int argc, char **argv);
-int lhsim_errors(const struct lhsim_command *command, int argc, char **argv);
+/* Every command's words; each command reads its own. */
+struct Args {
+    std::string board; /* --board KIND */
+    std::string dir;   /* DIR, or run's --dir */
+    bool keep = false;
+    std::vector<std::string> program;
+    std::string module, pipe, text, bit, state, index, value, offset;
+};
 
-/* board.c: a board directory made by simboard, opened from its files. */
-struct lhsim_kind {
-    enum sim_board_kind kind;
+/* lifecycle.cpp */
+Exit create(const Args &a);
+Exit run(const Args &a);
+Exit shell(const Args &a);
+Exit destroy(const Args &a);
+
+/* inject.cpp */
+Exit fatal(const Args &a);
+Exit clear_fatal(const Args &a);
+Exit link(const Args &a);
+Exit counter(const Args &a);
+Exit peek(const Args &a);
+Exit poke(const Args &a);
+Exit errors(const Args &a);
+
+/* board.cpp: a board directory made by simboard, opened from its files. */
+struct Kind {
+    KindId kind;
     uint16_t device_id;       /* the sysfs "device" file */
     unsigned controller_type; /* CONTROLLER_TYPE of idprom_cache.conf */
-    uint32_t device_type;     /* the image, as lh_block_layout has it */
+    uint32_t device_type;     /* the image, as the block layouts have it */
     uint32_t pipes;
 };
 
-struct lhsim_board {
-    char root[PATH_MAX];
-    char window[PATH_MAX];
-    const struct lhsim_kind *kind;
-    uint32_t window_size;
-    int window_fd;
-};
-
 /* The row of a kind that sim_board_create makes. */
-const struct lhsim_kind *lhsim_kind_of(enum sim_board_kind kind);
-/* Whether dir holds a board (quietly). */
-int lhsim_board_exists(const char *dir);
-/* Opens dir's board; says why not on stderr and returns -1. */
-int lhsim_board_open(const char *dir, struct lhsim_board *board);
-void lhsim_board_close(struct lhsim_board *board);
-/* Window words; -1 with EINVAL for an offset that is not a word of it. */
-int lhsim_board_read(const struct lhsim_board *board, uint32_t offset,
-                     uint32_t *value);
-int lhsim_board_write(const struct lhsim_board *board, uint32_t offset,
-                      uint32_t value);
-/* One bit of a word, read-modify-write. */
-int lhsim_board_set_bit(const struct lhsim_board *board, uint32_t offset,
-                        unsigned bit, int on);
-/* Whether a daemon answers on the board's socket. */
-int lhsim_board_served(const struct lhsim_board *board);
-/* Removes the board's whole tree, dir included. */
-int lhsim_board_remove(const struct lhsim_board *board);
-/* sim_board_spawn for a board that is only a directory. */
-pid_t lhsim_board_spawn(const struct lhsim_board *board, char *const argv[]);
+const Kind &kind_of(KindId kind);
+KindId parse_kind(const std::string &name);
+
+class Board {
+public:
+    /* Says why not on stderr and throws Failure(failed). */
+    explicit Board(const std::string &dir);
+    ~Board();
+    Board(const Board &) = delete;
+    Board &operator=(const Board &) = delete;
+
+    /* Whether dir holds a board (quietly). */
+    static bool exists(const std::string &dir);
+
+    /* Window words; false with errno EINVAL for an offset that is not a
+     * word of it. */
+    bool read(uint32_t offset, uint32_t *value) const;
+    bool write(uint32_t offset, uint32_t value) const;
+    /* One bit of a word, read-modify-write. */
+    bool set_bit(uint32_t offset, unsigned bit, bool on) const;
+    /* Whether a daemon answers on the board's socket. */
+    bool served() const;
+    /* Removes the board's whole tree, the directory included. */
+    bool remove() const;
+    /* sim_board_spawn for a board that is only a directory. */
+    pid_t spawn(char *const argv[]) const;
+
+    const std::string &root() const { return root_; }
+    const std::string &window() const { return window_; }
+    const Kind &kind() const { return *kind_; }
+    uint32_t window_size() const { return window_size_; }
+
+private:
+    Board() = default;
+    bool open_window();
+
+    std::string root_;
+    std::string window_;
+    const Kind *kind_ = nullptr;
+    uint32_t window_size_ = 0;
+    int window_fd_ = -1;
+};
 
 /* The log file and socket of a board directory, on the host. */
 #define LHSIM_DAEMON_LOG "opt/platform/logs/pellin_mgr.log"
 #define LHSIM_SOCKET     "run/ipc/219.sock"
+
+} // namespace lhsim
 
 #endif

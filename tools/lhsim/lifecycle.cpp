@@ -9,7 +9,6 @@
  * when it ends by itself, 0 when it stopped cleanly on request. */
 #include <errno.h>
 #include <fcntl.h>
-#include <getopt.h>
 #include <libgen.h>
 #include <limits.h>
 #include <signal.h>
@@ -21,20 +20,17 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <optional>
 #include <string>
+#include <vector>
 
 #include "lhsim.hpp"
+
+namespace lhsim {
 
 #define TAIL_INTERVAL_US 100000
 #define STOP_TIMEOUT_MS  5000
 #define DAEMON_LOG       "pellin_mgr.log"
-
-struct run_options {
-    enum sim_board_kind kind = {};
-    int kind_given = {};
-    const char *dir = {};
-    int keep = {};
-};
 
 static volatile sig_atomic_t stop_signal;
 
@@ -158,13 +154,13 @@ static struct run_end stopped_on_request(const char *program, pid_t pid)
     if (!stop_program(pid, &status)) {
         fprintf(stderr, "lhsim: %s did not stop within %d s; killed\n",
                 program, STOP_TIMEOUT_MS / 1000);
-        return {LHSIM_FAILED, true};
+        return {static_cast<int>(Exit::failed), true};
     }
     const bool clean =
         (WIFEXITED(status) && WEXITSTATUS(status) == 0) ||
         (WIFSIGNALED(status) &&
          (WTERMSIG(status) == SIGTERM || WTERMSIG(status) == SIGINT));
-    return {clean ? LHSIM_OK : exit_status(status), true};
+    return {clean ? 0 : exit_status(status), true};
 }
 
 /* Streams the log's new lines until the program ends; forwards a stop
@@ -216,11 +212,11 @@ static void announce(enum sim_board_kind kind, const char *root, FILE *to)
 static void suggest_commands(enum sim_board_kind kind, const char *root,
                              bool removed_after, FILE *to)
 {
-    const struct lhsim_kind *row = lhsim_kind_of(kind);
+    const Kind &row = kind_of(kind);
     const std::string bin = own_directory();
     /* Both port blocks know this error, under their own names. */
     const char *port = kind == SIM_BOARD_LHX ? "eth" : "caui";
-    const unsigned last_pipe = row->pipes - 1;
+    const unsigned last_pipe = row.pipes - 1;
 
     if (bin.empty())
         return;
@@ -249,178 +245,148 @@ static void say_stopped(bool removed, const char *root)
         fprintf(stderr, "lhsim: stopped; the board stays in %s\n", root);
 }
 
-static int make_root(const char *dir, char *root, size_t size)
+/* Where run makes its board: DIR, or a new /tmp/lhsim_XXXXXX/board. */
+static bool make_root(const Args &a, std::string *root)
 {
-    if (dir != NULL) {
-        snprintf(root, size, "%s", dir);
-        return 0;
+    char made[] = "/tmp/lhsim_XXXXXX";
+
+    if (!a.dir.empty()) {
+        *root = a.dir;
+        return true;
     }
-    snprintf(root, size, "/tmp/lhsim_XXXXXX");
-    if (mkdtemp(root) == NULL)
-        return -1;
-    strncat(root, "/board", size - strlen(root) - 1);
-    return 0;
+    *root = made;
+    if (mkdtemp(made) == nullptr)
+        return false;
+    *root = std::string(made) + "/board";
+    return true;
 }
 
 /* Removes the directory make_root made for the board (none when --dir
  * named the board's place). */
-static void remove_made_root(const struct run_options *options, char *root)
+static void remove_made_root(const Args &a, const std::string &root)
 {
-    if (options->dir == NULL)
-        rmdir(dirname(root));
+    if (a.dir.empty())
+        rmdir(root.substr(0, root.rfind('/')).c_str());
 }
 
-/* Options up to "--"; the index of PROGRAM, or -1 for a usage error. */
-static int parse_run(int argc, char **argv, struct run_options *options)
+/* The program's words as exec takes them. */
+static std::vector<char *> argv_of(const std::vector<std::string> &words)
 {
-    static const struct option long_options[] = {
-        {"board", required_argument, NULL, 'b'},
-        {"dir", required_argument, NULL, 'd'},
-        {"keep", no_argument, NULL, 'k'},
-        {NULL, 0, NULL, 0},
-    };
-    int option;
+    std::vector<char *> argv;
 
-    *options = (struct run_options){.kind = SIM_BOARD_BASE2};
-    while ((option = getopt_long(argc, argv, "+b:d:k", long_options, NULL)) !=
-           -1) {
-        if (option == 'b' &&
-            sim_board_kind_from_name(optarg, &options->kind) == 0)
-            options->kind_given = 1;
-        else if (option == 'd')
-            options->dir = optarg;
-        else if (option == 'k')
-            options->keep = 1;
-        else
-            return -1;
-    }
-    return optind < argc ? optind : -1;
+    for (const std::string &word : words)
+        argv.push_back(const_cast<char *>(word.c_str()));
+    argv.push_back(nullptr);
+    return argv;
 }
 
-/* The existing behaviour: a board of its own, removed afterwards. */
-static int run_created(const struct run_options *options, char **program)
+[[noreturn]] static void cannot_create(const std::string &root)
 {
-    char root[PATH_MAX], log_path[PATH_MAX + 32];
+    throw Failure(Exit::failed, format("cannot create the board in %s: %s",
+                                       root.c_str(), strerror(errno)));
+}
+
+/* A board of its own, removed afterwards unless --keep. */
+static Exit run_created(const Args &a, KindId kind)
+{
+    std::string root;
     struct sim_board *board;
-    pid_t pid;
 
-    if (make_root(options->dir, root, sizeof(root)) != 0) {
-        fprintf(stderr, "lhsim: cannot create the board in %s: %s\n", root,
-                strerror(errno));
-        return LHSIM_FAILED;
+    if (!make_root(a, &root))
+        cannot_create(root);
+    if (sim_board_create(root.c_str(), kind, &board) != 0) {
+        int error = errno;
+        remove_made_root(a, root);
+        errno = error;
+        cannot_create(root);
     }
-    if (sim_board_create(root, options->kind, &board) != 0) {
-        fprintf(stderr, "lhsim: cannot create the board in %s: %s\n", root,
-                strerror(errno));
-        remove_made_root(options, root);
-        return LHSIM_FAILED;
-    }
-    snprintf(log_path, sizeof(log_path), "%s/" DAEMON_LOG,
-             sim_board_path(board, SIM_PATH_LOGS));
-    announce(options->kind, sim_board_path(board, SIM_PATH_ROOT), stderr);
-    suggest_commands(options->kind, sim_board_path(board, SIM_PATH_ROOT),
-                     !options->keep, stderr);
-    pid = sim_board_spawn(board, NULL, program);
+    const std::string log_path =
+        std::string(sim_board_path(board, SIM_PATH_LOGS)) + "/" DAEMON_LOG;
+    announce(kind, sim_board_path(board, SIM_PATH_ROOT), stderr);
+    suggest_commands(kind, sim_board_path(board, SIM_PATH_ROOT), !a.keep,
+                     stderr);
+    pid_t pid = sim_board_spawn(board, nullptr, argv_of(a.program).data());
     if (pid < 0) {
-        fprintf(stderr, "lhsim: cannot start %s: %s\n", program[0],
-                *sim_board_last_error() ? sim_board_last_error()
-                                        : strerror(errno));
+        std::string why = *sim_board_last_error() ? sim_board_last_error()
+                                                  : strerror(errno);
         sim_board_destroy(board);
-        remove_made_root(options, root);
-        return LHSIM_FAILED;
+        remove_made_root(a, root);
+        throw Failure(Exit::failed, format("cannot start %s: %s",
+                                           a.program[0].c_str(), why.c_str()));
     }
-    const struct run_end end = follow(program[0], pid, log_path);
-    if (options->keep) {
+    const struct run_end end = follow(a.program[0].c_str(), pid, log_path.c_str());
+    if (a.keep) {
         sim_board_free(board);
     } else {
         sim_board_destroy(board);
-        remove_made_root(options, root);
+        remove_made_root(a, root);
     }
     if (end.stopped)
-        say_stopped(!options->keep, root);
-    return end.status;
+        say_stopped(!a.keep, root.c_str());
+    return static_cast<Exit>(end.status);
 }
 
 /* A board made earlier (lhsim create, or a kept run): it stays. */
-static int run_existing(const struct run_options *options, char **program)
+static Exit run_existing(const Args &a, std::optional<KindId> kind)
 {
-    char log_path[PATH_MAX + 64], root[PATH_MAX];
-    struct lhsim_board board;
+    std::string root, log_path;
     pid_t pid;
+    {
+        Board board(a.dir);
 
-    if (lhsim_board_open(options->dir, &board) < 0)
-        return LHSIM_FAILED;
-    if (options->kind_given && options->kind != board.kind->kind) {
-        fprintf(stderr, "lhsim: the board in %s is %s, not %s\n", board.root,
-                sim_board_kind_name(board.kind->kind),
-                sim_board_kind_name(options->kind));
-        lhsim_board_close(&board);
-        return LHSIM_USAGE;
+        if (kind && *kind != board.kind().kind)
+            throw Failure(Exit::usage,
+                          format("the board in %s is %s, not %s",
+                                 board.root().c_str(),
+                                 sim_board_kind_name(board.kind().kind),
+                                 sim_board_kind_name(*kind)));
+        root = board.root();
+        log_path = root + "/" LHSIM_DAEMON_LOG;
+        announce(board.kind().kind, root.c_str(), stderr);
+        suggest_commands(board.kind().kind, root.c_str(), false, stderr);
+        pid = board.spawn(argv_of(a.program).data());
     }
-    snprintf(log_path, sizeof(log_path), "%s/" LHSIM_DAEMON_LOG, board.root);
-    snprintf(root, sizeof(root), "%s", board.root);
-    announce(board.kind->kind, board.root, stderr);
-    suggest_commands(board.kind->kind, board.root, false, stderr);
-    pid = lhsim_board_spawn(&board, program);
-    lhsim_board_close(&board);
-    if (pid < 0) {
-        fprintf(stderr, "lhsim: cannot start %s: %s\n", program[0],
-                strerror(errno));
-        return LHSIM_FAILED;
-    }
-    const struct run_end end = follow(program[0], pid, log_path);
+    if (pid < 0)
+        throw Failure(Exit::failed, format("cannot start %s: %s",
+                                           a.program[0].c_str(),
+                                           strerror(errno)));
+    const struct run_end end = follow(a.program[0].c_str(), pid, log_path.c_str());
     if (end.stopped)
-        say_stopped(false, root);
-    return end.status;
+        say_stopped(false, root.c_str());
+    return static_cast<Exit>(end.status);
 }
 
-int lhsim_run(const struct lhsim_command *command, int argc, char **argv)
+Exit run(const Args &a)
 {
-    struct run_options options;
-    int program = parse_run(argc, argv, &options);
+    std::optional<KindId> kind;
     std::string why;
 
-    if (program < 0)
-        return lhsim_usage(command);
+    if (!a.board.empty())
+        kind = parse_kind(a.board);
     /* Said at once, before any board is made. */
-    if (!sim_sandbox_available(&why)) {
-        fprintf(stderr, "lhsim: %s\n", why.c_str());
-        return LHSIM_FAILED;
-    }
+    if (!sim_sandbox_available(&why))
+        throw Failure(Exit::failed, why);
     TerminalForeground terminal;
     terminal.take();
     catch_stop_signals();
-    if (options.dir != NULL && lhsim_board_exists(options.dir))
-        return run_existing(&options, &argv[program]);
-    return run_created(&options, &argv[program]);
+    if (!a.dir.empty() && Board::exists(a.dir))
+        return run_existing(a, kind);
+    return run_created(a, kind.value_or(SIM_BOARD_BASE2));
 }
 
-int lhsim_create(const struct lhsim_command *command, int argc, char **argv)
+Exit create(const Args &a)
 {
-    static const struct option long_options[] = {
-        {"board", required_argument, NULL, 'b'},
-        {NULL, 0, NULL, 0},
-    };
-    enum sim_board_kind kind = SIM_BOARD_BASE2;
+    KindId kind = a.board.empty() ? SIM_BOARD_BASE2 : parse_kind(a.board);
     struct sim_board *board;
-    int option;
 
-    while ((option = getopt_long(argc, argv, "b:", long_options, NULL)) != -1)
-        if (option != 'b' || sim_board_kind_from_name(optarg, &kind) != 0)
-            return lhsim_usage(command);
-    if (optind != argc - 1)
-        return lhsim_usage(command);
-    if (sim_board_create(argv[optind], kind, &board) != 0) {
-        fprintf(stderr, "lhsim: cannot create the board in %s: %s\n",
-                argv[optind], strerror(errno));
-        return LHSIM_FAILED;
-    }
+    if (sim_board_create(a.dir.c_str(), kind, &board) != 0)
+        cannot_create(a.dir);
     announce(kind, sim_board_path(board, SIM_PATH_ROOT), stdout);
     sim_board_free(board);
-    return LHSIM_OK;
+    return Exit::ok;
 }
 
-static int wait_child(pid_t pid)
+static Exit wait_child(pid_t pid)
 {
     int status = 0;
     pid_t done;
@@ -428,52 +394,35 @@ static int wait_child(pid_t pid)
     do
         done = waitpid(pid, &status, 0);
     while (done < 0 && errno == EINTR);
-    return done == pid ? exit_status(status) : LHSIM_FAILED;
+    return done == pid ? static_cast<Exit>(exit_status(status)) : Exit::failed;
 }
 
-int lhsim_shell(const struct lhsim_command *command, int argc, char **argv)
+Exit shell(const Args &a)
 {
     const char *shell = getenv("SHELL");
-    char *program[2] = {NULL, NULL};
-    struct lhsim_board board;
-    pid_t pid;
+    std::string program = shell != nullptr && *shell != '\0' ? shell : "/bin/sh";
+    pid_t pid = Board(a.dir).spawn(argv_of({program}).data());
 
-    if (argc != 2)
-        return lhsim_usage(command);
-    if (lhsim_board_open(argv[1], &board) < 0)
-        return LHSIM_FAILED;
-    program[0] = (char *)(shell != NULL && *shell != '\0' ? shell : "/bin/sh");
-    pid = lhsim_board_spawn(&board, program);
-    lhsim_board_close(&board);
-    if (pid < 0) {
-        fprintf(stderr, "lhsim: cannot start %s: %s\n", program[0],
-                strerror(errno));
-        return LHSIM_FAILED;
-    }
+    if (pid < 0)
+        throw Failure(Exit::failed, format("cannot start %s: %s",
+                                           program.c_str(), strerror(errno)));
     /* The terminal's Ctrl-C and Ctrl-\ are the shell's. */
     signal(SIGINT, SIG_IGN);
     signal(SIGQUIT, SIG_IGN);
     return wait_child(pid);
 }
 
-int lhsim_destroy(const struct lhsim_command *command, int argc, char **argv)
+Exit destroy(const Args &a)
 {
-    struct lhsim_board board;
-    int rc = LHSIM_OK;
+    Board board(a.dir);
 
-    if (argc != 2)
-        return lhsim_usage(command);
-    if (lhsim_board_open(argv[1], &board) < 0)
-        return LHSIM_FAILED;
-    if (lhsim_board_served(&board)) {
-        fprintf(stderr, "lhsim: a daemon is serving %s; stop it first\n",
-                board.root);
-        rc = LHSIM_FAILED;
-    } else if (lhsim_board_remove(&board) != 0) {
-        fprintf(stderr, "lhsim: cannot remove %s: %s\n", board.root,
-                strerror(errno));
-        rc = LHSIM_FAILED;
-    }
-    lhsim_board_close(&board);
-    return rc;
+    if (board.served())
+        throw Failure(Exit::failed, format("a daemon is serving %s; stop it first",
+                                           board.root().c_str()));
+    if (!board.remove())
+        throw Failure(Exit::failed, format("cannot remove %s: %s",
+                                           board.root().c_str(), strerror(errno)));
+    return Exit::ok;
 }
+
+} // namespace lhsim
