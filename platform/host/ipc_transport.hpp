@@ -11,6 +11,7 @@
 #include <pthread.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <cstddef>
@@ -118,7 +119,7 @@ inline uint32_t announced_length(const Header &wire)
  * from a source `ssize_t read(void *buf, size_t len)` (bytes read, 0 when
  * none are waiting, a negative errno otherwise) but never past the end of
  * one message. The announced length is checked before anything is
- * allocated for the payload.
+ * allocated for the payload, and the payload's memory grows as it comes.
  */
 class FrameReader
 {
@@ -162,13 +163,20 @@ class FrameReader
         return header_have_ == header_.size() && payload_have_ == length();
     }
 
-    int start_payload()
+    /* Room for the payload grows with what arrives, so a peer that
+     * announces much and sends little holds little. */
+    int make_room()
     {
-        if (length() > IPC_MAX_PAYLOAD)
-            return -EMSGSIZE;
-        if (length() > 0)
-            payload_.reset(static_cast<uint8_t *>(malloc(length())));
-        return length() == 0 || payload_ ? 0 : -ENOMEM;
+        size_t room = std::min<size_t>(
+            length(), std::max<size_t>(2 * room_, kFirstRoom));
+        auto *grown = static_cast<uint8_t *>(realloc(payload_.get(), room));
+
+        if (grown == nullptr)
+            return -ENOMEM;
+        (void)payload_.release();
+        payload_.reset(grown);
+        room_ = room;
+        return 0;
     }
 
     template <class Source> ssize_t read_step(Source &read)
@@ -177,25 +185,30 @@ class FrameReader
             ssize_t n = read(header_.data() + header_have_,
                              header_.size() - header_have_);
 
-            if (n > 0 && (header_have_ += static_cast<size_t>(n)) ==
-                             header_.size()) {
-                int rc = start_payload();
-
-                return rc < 0 ? rc : n;
-            }
+            if (n > 0)
+                header_have_ += static_cast<size_t>(n);
+            if (header_have_ == header_.size() && length() > IPC_MAX_PAYLOAD)
+                return -EMSGSIZE;
             return n;
         }
-        ssize_t n = read(payload_.get() + payload_have_,
-                         length() - payload_have_);
+        if (payload_have_ == room_) {
+            int rc = make_room();
+
+            if (rc < 0)
+                return rc;
+        }
+        ssize_t n = read(payload_.get() + payload_have_, room_ - payload_have_);
 
         if (n > 0)
             payload_have_ += static_cast<size_t>(n);
         return n;
     }
 
+    static constexpr size_t kFirstRoom = 4096;
     Header header_{};
     size_t header_have_ = 0;
     MallocBytes payload_;
+    size_t room_ = 0;
     size_t payload_have_ = 0;
     int error_ = 0;
 };

@@ -1207,6 +1207,28 @@ TEST_F(IpcTransportServed, PayloadLen65536IsAccepted)
     EXPECT_TRUE(is_echo_of(reply.bytes(), payload.data(), 65536));
 }
 
+/* A payload announced but not sent holds memory only for what came. */
+TEST_F(IpcTransportServed, AnnouncedPayloadHoldsOnlyWhatCame)
+{
+    std::vector<uint8_t> frame(kHeader + 65536);
+    std::vector<uint8_t> payload(65536);
+    uint8_t reply_head[kHeader];
+    UniqueFd fd = raw_connect();
+
+    if (!allocations_watched())
+        GTEST_SKIP() << "allocations are not watched in this build";
+    fill_pattern(payload.data(), payload.size(), 3);
+    put_frame(frame.data(), kOpWriteReg, payload.data(), 65536);
+    largest_allocation.store(0);
+    write_bytes(fd, frame.data(), kHeader + 10);
+    sleep_ms(kQuietMs);
+    EXPECT_LE(largest_allocation.load(), 4096u);
+    write_bytes(fd, frame.data() + kHeader + 10, 65536 - 10);
+    ASSERT_TRUE(server_.wait_for_seen(1));
+    expect_seen(0, kOpWriteReg, payload.data(), 65536);
+    ASSERT_TRUE(read_bytes(fd, reply_head, kHeader));
+}
+
 TEST_F(IpcTransportServed, ZeroLengthPayload)
 {
     Client c = client_open();
