@@ -54,16 +54,16 @@ int path_in(int dir_fd, const char *name, sockaddr_un *addr)
 /* Opens (creating it 0755 if missing) the directory name below parent:
  * it must belong to this server's user, and no one else may write it (a
  * directory others could write is made 0755). */
-int open_safe_dir(int parent, const char *name, const char *path,
-                  UniqueFd *out, Refusal *why)
+int open_safe_dir(int parent, const char *name, const char *path, UniqueFd *out,
+                  Refusal *why)
 {
     bool created = mkdirat(parent, name, kDirMode) == 0;
     struct stat st;
 
     if (!created && errno != EEXIST)
         return -errno;
-    UniqueFd fd(openat(parent, name,
-                       O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    UniqueFd fd(
+        openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (!fd.valid())
         return -errno;
     if (fstat(fd.get(), &st) != 0)

@@ -22,20 +22,19 @@ struct DropText {
     const char *what; /* "<what>: N since the last report" */
 };
 
-constexpr std::array<DropText, static_cast<size_t>(Drop::count)> kDropTexts =
-    {{
-        {LOG_ERR, "IPC connections refused for lack of memory"},
-        {LOG_ERR, "IPC accepts failed"},
-        {LOG_WARNING, "IPC connection limit reached, new clients waited"},
-        {LOG_WARNING, "IPC connections closed for a payload length above "
-                      "65536"},
-        {LOG_ERR, "IPC connections closed for lack of payload memory"},
-        {LOG_WARNING, "IPC connections closed for replies left unread"},
-        {LOG_WARNING, "IPC connections closed for replies left unread by "
-                      "all clients together"},
-        {LOG_WARNING, "IPC connections closed for holding a partial "
-                      "message"},
-    }};
+constexpr std::array<DropText, static_cast<size_t>(Drop::count)> kDropTexts = {{
+    {LOG_ERR, "IPC connections refused for lack of memory"},
+    {LOG_ERR, "IPC accepts failed"},
+    {LOG_WARNING, "IPC connection limit reached, new clients waited"},
+    {LOG_WARNING, "IPC connections closed for a payload length above "
+                  "65536"},
+    {LOG_ERR, "IPC connections closed for lack of payload memory"},
+    {LOG_WARNING, "IPC connections closed for replies left unread"},
+    {LOG_WARNING, "IPC connections closed for replies left unread by "
+                  "all clients together"},
+    {LOG_WARNING, "IPC connections closed for holding a partial "
+                  "message"},
+}};
 
 } // namespace
 

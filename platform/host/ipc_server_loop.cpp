@@ -105,9 +105,10 @@ int Server::add_endpoint_locked(uint32_t app_id)
 /* Where a connection of this id is, or would go. */
 Server::ConnSlot Server::slot(uint32_t id)
 {
-    return std::lower_bound(
-        conns_.begin(), conns_.end(), id,
-        [](const std::unique_ptr<Conn> &c, uint32_t key) { return c->id < key; });
+    return std::lower_bound(conns_.begin(), conns_.end(), id,
+                            [](const std::unique_ptr<Conn> &c, uint32_t key) {
+                                return c->id < key;
+                            });
 }
 
 Conn *Server::find(uint32_t id)
@@ -142,7 +143,8 @@ void Server::close_conn(Conn *conn)
 {
     pending_total_ -= conn->pending();
     freed_since_trim_ += conn->out_len;
-    conns_.erase(slot(conn->id)); /* its descriptor leaves the epoll set as it closes */
+    /* Its descriptor leaves the epoll set as it closes. */
+    conns_.erase(slot(conn->id));
     if (!accepting_ && accept_resume_ == Clock::time_point::max() &&
         conns_.size() < max_conns_)
         set_accepting(true);
@@ -191,12 +193,12 @@ void Server::accept_connections()
 /* Asks epoll for what the connection waits for now. */
 void Server::watch(Conn &conn)
 {
-    uint32_t events = (conn.peer_done ? 0u : static_cast<uint32_t>(EPOLLIN)) |
-                      (conn.pending() > 0 ? static_cast<uint32_t>(EPOLLOUT) : 0u);
+    uint32_t events =
+        (conn.peer_done ? 0u : static_cast<uint32_t>(EPOLLIN)) |
+        (conn.pending() > 0 ? static_cast<uint32_t>(EPOLLOUT) : 0u);
 
-    if (events != conn.polled &&
-        epoll_set(epoll_.get(), EPOLL_CTL_MOD, conn.fd.get(), events,
-                  conn.id) == 0)
+    if (events != conn.polled && epoll_set(epoll_.get(), EPOLL_CTL_MOD,
+                                           conn.fd.get(), events, conn.id) == 0)
         conn.polled = events;
 }
 
@@ -252,8 +254,7 @@ int Server::queue(Conn &conn, const ipc_msg_t &msg, size_t sent)
         conn.out_sent = 0;
         conn.out_len = kept;
     }
-    auto *grown =
-        static_cast<uint8_t *>(realloc(conn.out.get(), kept + rest));
+    auto *grown = static_cast<uint8_t *>(realloc(conn.out.get(), kept + rest));
     if (grown == nullptr)
         return -ENOMEM;
     (void)conn.out.release();
@@ -344,8 +345,8 @@ int Server::read_frame(Conn &conn)
         if (conn.in.started() && !conn.partial) {
             conn.partial = true;
             conn.partial_since = now();
-            next_expiry_ = std::min(next_expiry_,
-                                    conn.partial_since + limits.partial_message);
+            next_expiry_ = std::min(next_expiry_, conn.partial_since +
+                                                      limits.partial_message);
         }
         return 0;
     }

@@ -167,8 +167,8 @@ class FrameReader
      * announces much and sends little holds little. */
     int make_room()
     {
-        size_t room = std::min<size_t>(
-            length(), std::max<size_t>(2 * room_, kFirstRoom));
+        size_t room =
+            std::min<size_t>(length(), std::max<size_t>(2 * room_, kFirstRoom));
         auto *grown = static_cast<uint8_t *>(realloc(payload_.get(), room));
 
         if (grown == nullptr)

@@ -20,8 +20,9 @@ namespace
 {
 
 constexpr lh_module_entry kModules[] = {
-    {LH_MOD_GLOBAL, 0}, {LH_MOD_CAUI, 0}, {LH_MOD_NIC, 0},
-    {LH_MOD_INGRESS_PKT_PARSER, 0}, {LH_MOD_NIC, 1}, {LH_MOD_END, 0},
+    {LH_MOD_GLOBAL, 0}, {LH_MOD_CAUI, 0},
+    {LH_MOD_NIC, 0},    {LH_MOD_INGRESS_PKT_PARSER, 0},
+    {LH_MOD_NIC, 1},    {LH_MOD_END, 0},
 };
 
 /* The library as the first byte says: every call fails, one call fails,
