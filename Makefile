@@ -4,7 +4,7 @@ BUILD ?= build
 JOBS ?= $(shell nproc)
 CMAKE_TYPE ?= RelWithDebInfo
 
-.PHONY: all bootstrap build quiet-build run test test-asan test-tsan bench clean
+.PHONY: all bootstrap build quiet-build run test test-asan test-tsan fuzz bench clean
 
 all: build
 
@@ -44,6 +44,17 @@ test-tsan: bootstrap
 	$(call configure_and_build,$(BUILD)-tsan,-DPELLIN_SANITIZE=thread)
 	ctest --test-dir $(BUILD)-tsan --output-on-failure -j $(JOBS)
 
+# The frame reader and the dispatcher under libFuzzer, with AddressSanitizer
+# and UBSan, for FUZZ_SECONDS; what it finds stays in $(BUILD)-fuzz/crashes.
+FUZZ_SECONDS ?= 60
+fuzz: bootstrap
+	cmake -S . -B $(BUILD)-fuzz -DCMAKE_BUILD_TYPE=$(CMAKE_TYPE) -DCMAKE_CXX_COMPILER=clang++ \
+	    -DPELLIN_FUZZ=ON -DPELLIN_SANITIZE=fuzzer-no-link$(,)address$(,)undefined >/dev/null
+	cmake --build $(BUILD)-fuzz -j $(JOBS) --target ipc_fuzz
+	@mkdir -p $(BUILD)-fuzz/corpus $(BUILD)-fuzz/crashes
+	$(BUILD)-fuzz/tests/ipc_fuzz -max_total_time=$(FUZZ_SECONDS) -rss_limit_mb=1024 \
+	    -artifact_prefix=$(BUILD)-fuzz/crashes/ $(BUILD)-fuzz/corpus
+
 # The poll-cycle benchmark: time per cycle, register accesses per cycle and
 # the time per access they give; then IPC round trips beside their floor.
 bench: build
@@ -54,4 +65,4 @@ bench: build
 	@$(BUILD)/bench/bench_ipc
 
 clean:
-	rm -rf $(BUILD) $(BUILD)-asan $(BUILD)-tsan
+	rm -rf $(BUILD) $(BUILD)-asan $(BUILD)-tsan $(BUILD)-fuzz

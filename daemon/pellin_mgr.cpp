@@ -2,6 +2,7 @@
 #include "pellin_mgr.hpp"
 
 #include <stdlib.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include "ipc_server.hpp"
@@ -24,6 +25,18 @@ static void take_service_down(void)
     /* The result is not looked at. */
     int ignored = system(PLM_SERVICE_DOWN_COMMAND);
     (void)ignored;
+}
+
+/* Each IPC client holds a descriptor: the soft limit goes up to the hard
+ * one, so that clients are limited by what the system allows. */
+static void raise_open_file_limit(void)
+{
+    struct rlimit lim;
+
+    if (getrlimit(RLIMIT_NOFILE, &lim) == 0 && lim.rlim_cur < lim.rlim_max) {
+        lim.rlim_cur = lim.rlim_max;
+        setrlimit(RLIMIT_NOFILE, &lim);
+    }
 }
 
 static int unrecoverable(void)
@@ -103,6 +116,7 @@ int plm_main(void)
         take_service_down();
         return 0;
     }
+    raise_open_file_limit();
     /* A log that cannot be opened leaves syslog alone. */
     log_sink_open(&plm_log_file, PLM_LOG_PATH);
     plm_thread_monitor_init();

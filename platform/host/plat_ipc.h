@@ -32,10 +32,10 @@ extern "C" {
 #define IPC_MSG_HEADER_SIZE 32
 /* A larger payload_len closes the connection that announced it. */
 #define IPC_MAX_PAYLOAD 65536u
-/* A server connection whose unsent replies would exceed this is closed. */
-#define IPC_MAX_PENDING_OUTPUT (1024u * 1024u)
-/* Connections a server context keeps; further ones are closed at once. */
-#define IPC_MAX_CONNECTIONS 64
+/* A server connection whose unsent replies would exceed this (four of the
+ * largest) is closed; so is one that would take all connections' unsent
+ * replies together above a cap of the server's. */
+#define IPC_MAX_PENDING_OUTPUT (4u * (IPC_MSG_HEADER_SIZE + IPC_MAX_PAYLOAD))
 /* The longest a client waits for its socket to take a message. */
 #define IPC_CLIENT_SEND_TIMEOUT_MS 5000
 
@@ -80,10 +80,13 @@ void ipc_ctx_destroy(uint64_t ctx);
 int ipc_ctx_init_proxy(uint64_t ctx, int mode, ipc_recv_cb cb, int flags);
 
 /* Opens the server endpoint of app_id (type IPC_SOCK_SERVER, the only type;
- * flags ignored): creates IPC_SOCKET_DIR (0755) if missing, replaces a
- * stale socket file, never a live one (-EADDRINUSE), and leaves the socket
- * mode 0660, group IPC_SOCKET_GROUP when it exists. One endpoint per
- * context (-EEXIST for a second). */
+ * flags ignored): creates IPC_SOCKET_DIR (0755) if missing, refuses it
+ * (-EPERM) when another user owns it and makes it 0755 when others could
+ * write it, replaces a stale socket file, never a live one (-EADDRINUSE),
+ * and leaves the socket mode 0660, group IPC_SOCKET_GROUP when it exists.
+ * No symbolic link in the directory is followed. One endpoint per context
+ * (-EEXIST for a second). Connections are accepted up to what the
+ * open-file limit leaves room for; beyond, clients wait to be accepted. */
 int ipc_ctx_add_endpoint(uint64_t ctx, uint32_t app_id, int type, int flags);
 
 /*
@@ -102,7 +105,8 @@ int ipc_recv(uint64_t ctx, ipc_msg_t *msg, int timeout_ms);
  * ipc_recv. Takes the payload over and frees it in every case. -ENOTCONN
  * when that connection is gone, -EPIPE or -ECONNRESET when its peer went
  * away (the connection is closed), -ENOBUFS when its unsent replies would
- * exceed IPC_MAX_PENDING_OUTPUT (closed too), -EMSGSIZE above
+ * exceed IPC_MAX_PENDING_OUTPUT, or all connections' together the server's
+ * cap (closed too), -EMSGSIZE above
  * IPC_MAX_PAYLOAD. flags is accepted and ignored.
  */
 int ipc_send(uint64_t ctx, ipc_msg_t *msg, int flags);

@@ -12,6 +12,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -33,6 +34,7 @@
 
 #include <gtest/gtest.h>
 
+#include "ipc_transport.hpp"
 #include "log_expect.hpp"
 #include "plat_ipc.h"
 #include "private_tmp.hpp"
@@ -829,6 +831,7 @@ class IpcTransportServed : public IpcTransportEndpoint
         IpcTransportEndpoint::SetUp();
         if (IsSkipped() || HasFatalFailure())
             return;
+        set_limits(plat::ipc::limits);
         ASSERT_TRUE(server_.start()) << "the test server did not start";
         started_ = true;
     }
@@ -838,7 +841,13 @@ class IpcTransportServed : public IpcTransportEndpoint
         if (started_) {
             EXPECT_EQ(server_.stop(), 0) << "ipc_recv failures in the server";
         }
+        plat::ipc::limits = plat::ipc::Limits();
         IpcTransportEndpoint::TearDown();
+    }
+
+    /* Before the server starts: the limits a fixture serves with. */
+    virtual void set_limits(plat::ipc::Limits &)
+    {
     }
 
     /* What the server thread recorded: the transport's addressing, the rest
@@ -1198,6 +1207,28 @@ TEST_F(IpcTransportServed, PayloadLen65536IsAccepted)
     EXPECT_TRUE(is_echo_of(reply.bytes(), payload.data(), 65536));
 }
 
+/* A payload announced but not sent holds memory only for what came. */
+TEST_F(IpcTransportServed, AnnouncedPayloadHoldsOnlyWhatCame)
+{
+    std::vector<uint8_t> frame(kHeader + 65536);
+    std::vector<uint8_t> payload(65536);
+    uint8_t reply_head[kHeader];
+    UniqueFd fd = raw_connect();
+
+    if (!allocations_watched())
+        GTEST_SKIP() << "allocations are not watched in this build";
+    fill_pattern(payload.data(), payload.size(), 3);
+    put_frame(frame.data(), kOpWriteReg, payload.data(), 65536);
+    largest_allocation.store(0);
+    write_bytes(fd, frame.data(), kHeader + 10);
+    sleep_ms(kQuietMs);
+    EXPECT_LE(largest_allocation.load(), 4096u);
+    write_bytes(fd, frame.data() + kHeader + 10, 65536 - 10);
+    ASSERT_TRUE(server_.wait_for_seen(1));
+    expect_seen(0, kOpWriteReg, payload.data(), 65536);
+    ASSERT_TRUE(read_bytes(fd, reply_head, kHeader));
+}
+
 TEST_F(IpcTransportServed, ZeroLengthPayload)
 {
     Client c = client_open();
@@ -1257,6 +1288,10 @@ TEST_F(IpcTransportServed, NicStatsReplyOf16Plus8360Bytes)
     EXPECT_TRUE(same_bytes(reply.bytes(), expected.data(), expected.size()));
 }
 
+/* Largest replies: more than the socket takes, within a connection's cap. */
+constexpr unsigned kSlowReplies = 5;
+static_assert(kSlowReplies * (kHeader + IPC_MAX_PAYLOAD) > 212992);
+
 /* Sent from this thread while the server thread waits in ipc_recv: more
  * than the socket takes, so the rest goes out as the client reads. */
 TEST_F(IpcTransportServed, RepliesWaitForASlowReader)
@@ -1265,15 +1300,16 @@ TEST_F(IpcTransportServed, RepliesWaitForASlowReader)
     uint32_t id = silent_request(c);
     Received reply;
 
-    for (unsigned i = 0; i < 8; i++)
+    for (unsigned i = 0; i < kSlowReplies; i++)
         ASSERT_EQ(send_pattern(id, i), 0) << "reply " << i;
     sleep_ms(kQuietMs);
-    for (unsigned i = 0; i < 8; i++) {
+    for (unsigned i = 0; i < kSlowReplies; i++) {
         ASSERT_EQ(client_recv(c, reply, kWaitMs), 0) << "reply " << i;
         expect_pattern_reply(reply.msg, id, i);
     }
 }
 
+/* Closed at its cap with one line, while another client is served. */
 TEST_F(IpcTransportServed, ClientThatNeverReadsIsDropped)
 {
     Client c = client_open();
@@ -1287,14 +1323,46 @@ TEST_F(IpcTransportServed, ClientThatNeverReadsIsDropped)
     EXPECT_EQ(rc, -ENOBUFS);
     EXPECT_GT(sent * (kHeader + IPC_MAX_PAYLOAD), IPC_MAX_PENDING_OUTPUT);
     EXPECT_EQ(send_pattern(id, 0), -ENOTCONN);
-    expect_single_log(LOG_WARNING, "IPC connection closed: more than 1048576 "
+    expect_single_log(LOG_WARNING, "IPC connection closed: more than 262272 "
                                    "bytes of replies unread");
+    server_.set_mode(ReplyMode::echo);
+    Client other = client_open();
+    ASSERT_NO_FATAL_FAILURE(round_trip(other, 1));
 
     while ((rc = client_recv(c, reply, kWaitMs)) == 0 && received <= sent)
         expect_pattern_reply(reply.msg, id, received++);
     EXPECT_EQ(rc, -ECONNRESET);
     EXPECT_GE(received, 1u);
     EXPECT_LT(received, sent);
+    EXPECT_EQ(syslog_capture_count(), 1u);
+}
+
+/* The unread replies of all connections together have a cap too. */
+class IpcTransportTotalCap : public IpcTransportServed
+{
+    void set_limits(plat::ipc::Limits &l) override
+    {
+        l.pending_output_total = 128 * 1024;
+    }
+};
+
+TEST_F(IpcTransportTotalCap, ClientsTogetherOverTheCapAreClosed)
+{
+    Client c = client_open();
+    uint32_t id = silent_request(c);
+    unsigned sent = 0;
+    int rc;
+
+    while ((rc = send_pattern(id, sent)) == 0 && sent < 40)
+        sent++;
+    EXPECT_EQ(rc, -ENOBUFS);
+    EXPECT_EQ(send_pattern(id, 0), -ENOTCONN);
+    expect_single_log(LOG_WARNING,
+                      "IPC connection closed: more than 131072 bytes of "
+                      "replies unread by all clients together");
+    server_.set_mode(ReplyMode::echo);
+    Client other = client_open();
+    ASSERT_NO_FATAL_FAILURE(round_trip(other, 1));
 }
 
 TEST_F(IpcTransportServed, HalfClosedClientGetsItsReplies)
@@ -1334,11 +1402,11 @@ TEST_F(IpcTransportServed, HalfClosedClientGetsQueuedReplies)
     write_bytes(fd, frame, put_frame(frame, kOpReadReg, "1234567", 8));
     ASSERT_TRUE(server_.wait_for_seen(1));
     id = conn_of(0);
-    for (unsigned i = 0; i < 8; i++)
+    for (unsigned i = 0; i < kSlowReplies; i++)
         ASSERT_EQ(send_pattern(id, i), 0) << "reply " << i;
     ASSERT_EQ(shutdown(fd.get(), SHUT_WR), 0);
     sleep_ms(kQuietMs);
-    for (unsigned i = 0; i < 8; i++) {
+    for (unsigned i = 0; i < kSlowReplies; i++) {
         ASSERT_NO_FATAL_FAILURE(
             read_reply(fd, &reply, bytes.data(), bytes.size()))
             << "reply " << i;
@@ -1379,25 +1447,177 @@ TEST_F(IpcTransportServed, ClosedConnectionsAreReleased)
         << count_open_fds() << " fds open, " << baseline << " before";
 }
 
-TEST_F(IpcTransportServed, ConnectionsBeyondTheLimitAreClosed)
+/* Served with room for four connections. */
+class IpcTransportFourConnections : public IpcTransportServed
+{
+    void set_limits(plat::ipc::Limits &l) override
+    {
+        l.connections = 4;
+    }
+};
+
+/* Beyond the limit, clients wait to be accepted (one line says so) and
+ * are served as others leave. */
+TEST_F(IpcTransportFourConnections, ConnectionsBeyondTheLimitWait)
 {
     std::vector<UniqueFd> fds;
     uint8_t frame[kHeader + 8], reply_bytes[8];
+    const auto *sent = reinterpret_cast<const uint8_t *>("abcdefgh");
     ipc_msg_t reply;
 
-    for (size_t i = 0; i <= IPC_MAX_CONNECTIONS; i++) {
+    put_frame(frame, kOpWriteReg, sent, 8);
+    for (size_t i = 0; i < 6; i++) {
         fds.push_back(raw_connect());
         ASSERT_TRUE(fds.back().valid()) << "connection " << i;
     }
-    EXPECT_TRUE(closed_by_server(fds[IPC_MAX_CONNECTIONS]));
+    write_bytes(fds[3], frame, sizeof(frame));
+    ASSERT_NO_FATAL_FAILURE(read_reply(fds[3], &reply, reply_bytes, 8));
+    EXPECT_TRUE(is_echo_of(reply_bytes, sent, 8));
+    write_bytes(fds[4], frame, sizeof(frame));
+    EXPECT_TRUE(nothing_to_read(fds[4]));
+    expect_single_log(LOG_WARNING, "IPC connections at the limit of 4: new "
+                                   "clients wait until one closes");
+
+    fds[0].reset();
+    ASSERT_NO_FATAL_FAILURE(read_reply(fds[4], &reply, reply_bytes, 8));
+    EXPECT_TRUE(is_echo_of(reply_bytes, sent, 8));
+    write_bytes(fds[5], frame, sizeof(frame));
+    EXPECT_TRUE(nothing_to_read(fds[5]));
+    fds[1].reset();
+    ASSERT_NO_FATAL_FAILURE(read_reply(fds[5], &reply, reply_bytes, 8));
+    EXPECT_TRUE(is_echo_of(reply_bytes, sent, 8));
+    EXPECT_EQ(syslog_capture_count(), 1u);
+}
+
+/* A thousand clients at once, each answered with its own bytes. */
+TEST_F(IpcTransportServed, ThousandConnectionsAllGetReplies)
+{
+    constexpr size_t kClients = 1000;
+    rlimit lim;
+
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &lim), 0);
+    lim.rlim_cur = lim.rlim_max;
+    if (lim.rlim_max < 2 * kClients + 200 || setrlimit(RLIMIT_NOFILE, &lim))
+        GTEST_SKIP() << "needs " << 2 * kClients + 200
+                     << " open files, the hard limit is " << lim.rlim_max;
+    std::vector<UniqueFd> fds;
+    for (size_t i = 0; i < kClients; i++) {
+        fds.push_back(raw_connect());
+        ASSERT_TRUE(fds.back().valid()) << "connection " << i;
+    }
+    for (unsigned round = 0; round < 2; round++) {
+        uint8_t frame[kHeader + 8], payload[8], reply_bytes[8];
+        ipc_msg_t reply;
+
+        for (size_t i = 0; i < kClients; i++) {
+            fill_pattern(payload, 8, static_cast<unsigned>(i + round));
+            put_frame(frame, kOpWriteReg, payload, 8);
+            write_bytes(fds[i], frame, sizeof(frame));
+        }
+        for (size_t i = 0; i < kClients; i++) {
+            fill_pattern(payload, 8, static_cast<unsigned>(i + round));
+            ASSERT_NO_FATAL_FAILURE(read_reply(fds[i], &reply, reply_bytes, 8))
+                << "client " << i << " round " << round;
+            ASSERT_EQ(reply.op_id, kOpWriteReg);
+            ASSERT_TRUE(is_echo_of(reply_bytes, payload, 8)) << "client " << i;
+        }
+    }
+    EXPECT_EQ(syslog_capture_count(), 0u);
+}
+
+/* A partial message is given a second before its connection is closed. */
+class IpcTransportShortDeadline : public IpcTransportServed
+{
+    void set_limits(plat::ipc::Limits &l) override
+    {
+        l.partial_message = std::chrono::seconds(1);
+    }
+};
+
+TEST_F(IpcTransportShortDeadline, PartialMessageClosedAfterItsDeadline)
+{
+    uint8_t frame[kHeader + 8];
+    UniqueFd stalled = raw_connect(), idle = raw_connect();
+    Client other = client_open();
+    int64_t start = now_ms();
+
+    put_frame(frame, kOpWriteReg, "12345678", 8);
+    write_bytes(stalled, frame, kHeader + 3);
+    ASSERT_NO_FATAL_FAILURE(round_trip(other, 0));
+    EXPECT_TRUE(closed_by_server(stalled));
+    EXPECT_GE(now_ms() - start, 1000);
     expect_single_log(LOG_WARNING,
-                      "IPC connection refused: 64 connections open");
-    put_frame(frame, kOpWriteReg, "abcdefgh", 8);
-    write_bytes(fds[IPC_MAX_CONNECTIONS - 1], frame, sizeof(frame));
-    ASSERT_NO_FATAL_FAILURE(
-        read_reply(fds[IPC_MAX_CONNECTIONS - 1], &reply, reply_bytes, 8));
-    EXPECT_TRUE(is_echo_of(reply_bytes,
-                           reinterpret_cast<const uint8_t *>("abcdefgh"), 8));
+                      "IPC connection closed: part of a message held for 1 s");
+    EXPECT_TRUE(nothing_to_read(idle)) << "a connection with nothing begun "
+                                          "stays open";
+    ASSERT_NO_FATAL_FAILURE(round_trip(other, 1));
+}
+
+/* A clock the test moves on. */
+constinit std::atomic<int64_t> clock_ahead_s{0};
+
+plat::ipc::Clock::time_point moved_clock()
+{
+    return plat::ipc::Clock::now() + std::chrono::seconds(clock_ahead_s.load());
+}
+
+class IpcTransportMovedClock : public IpcTransportServed
+{
+    void set_limits(plat::ipc::Limits &l) override
+    {
+        clock_ahead_s.store(0);
+        l.now = moved_clock;
+    }
+};
+
+/* Each of n connections announces a payload too long and is closed. */
+void too_long_from(size_t n)
+{
+    ipc_msg_t header = request_header(kOpReadReg, IPC_MAX_PAYLOAD + 1);
+
+    for (size_t i = 0; i < n; i++) {
+        UniqueFd fd = raw_connect();
+
+        write_bytes(fd, &header, kHeader);
+        EXPECT_TRUE(closed_by_server(fd)) << "connection " << i;
+    }
+}
+
+bool log_count_reaches(size_t n)
+{
+    int64_t deadline = now_ms() + kWaitMs;
+
+    while (syslog_capture_count() < n && now_ms() < deadline)
+        sleep_ms(5);
+    return syslog_capture_count() >= n;
+}
+
+TEST_F(IpcTransportMovedClock, FloodOfDropsGivesOneLineAMinute)
+{
+    too_long_from(20);
+    EXPECT_EQ(syslog_capture_count(), 1u);
+    EXPECT_STREQ(syslog_capture_get(0)->text,
+                 "IPC connection closed: payload length 65537 above 65536");
+    clock_ahead_s.store(59);
+    too_long_from(1);
+    sleep_ms(kQuietMs);
+    EXPECT_EQ(syslog_capture_count(), 1u) << "a line before the minute";
+    clock_ahead_s.store(60);
+    ASSERT_TRUE(log_count_reaches(2));
+    EXPECT_STREQ(syslog_capture_get(1)->text,
+                 "IPC connections closed for a payload length above 65536: "
+                 "20 since the last report");
+    EXPECT_EQ(syslog_capture_get(1)->severity, LOG_WARNING);
+    too_long_from(5);
+    sleep_ms(kQuietMs);
+    EXPECT_EQ(syslog_capture_count(), 2u);
+    clock_ahead_s.store(120);
+    ASSERT_TRUE(log_count_reaches(3));
+    EXPECT_STREQ(syslog_capture_get(2)->text,
+                 "IPC connections closed for a payload length above 65536: "
+                 "5 since the last report");
+    sleep_ms(kQuietMs);
+    EXPECT_EQ(syslog_capture_count(), 3u);
 }
 
 TEST_F(IpcTransportServed, LiveSocketIsNotReplaced)
@@ -1496,6 +1716,60 @@ void serves_inline(uint64_t ctx)
     EXPECT_TRUE(is_echo_of(reply.bytes(), request, sizeof(request)));
 }
 
+/* A socket directory that others may write is made 0755, said once. */
+TEST_F(IpcTransportEndpoint, SocketDirectoryOthersCouldWriteIsRepaired)
+{
+    Ctx ctx(kAppId);
+    struct stat st;
+
+    ASSERT_NO_FATAL_FAILURE(make_socket_dir());
+    ASSERT_EQ(chmod(kSocketDir, 0777), 0);
+    ASSERT_EQ(ipc_ctx_add_endpoint(ctx.get(), kAppId, IPC_SOCK_SERVER, 1), 0);
+    ASSERT_EQ(stat(kSocketDir, &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0755u);
+    expect_single_log(LOG_WARNING, "IPC socket directory /run/orvel/ipc was "
+                                   "mode 0777, others could write it: now "
+                                   "0755");
+    serves_inline(ctx.get());
+}
+
+/* A socket directory of another user is refused, as a failed endpoint. */
+TEST_F(IpcTransportEndpoint, SocketDirectoryOfAnotherUserIsRefused)
+{
+    Ctx ctx(kAppId);
+    struct stat st;
+
+    ASSERT_NO_FATAL_FAILURE(make_socket_dir());
+    if (geteuid() != 0)
+        GTEST_SKIP() << "only root can give the directory to another user";
+    ASSERT_EQ(chown(kSocketDir, kNobody, kNobody), 0) << strerror(errno);
+    EXPECT_EQ(ipc_ctx_add_endpoint(ctx.get(), kAppId, IPC_SOCK_SERVER, 1),
+              -EPERM);
+    expect_single_log(LOG_ERR, "IPC endpoint 219 not opened: /run/orvel/ipc "
+                               "is owned by uid 65534, not 0");
+    EXPECT_EQ(lstat(kSocketPath, &st), -1);
+    EXPECT_EQ(errno, ENOENT);
+}
+
+/* A link planted at the lock's path is removed, never followed. */
+TEST_F(IpcTransportEndpoint, LinkAtTheLockPathIsNotFollowed)
+{
+    constexpr const char *kLockPath = "/run/orvel/ipc/219.sock.lock";
+    constexpr const char *kTarget = "/run/planted-target";
+    Ctx ctx(kAppId);
+    struct stat st;
+
+    ASSERT_NO_FATAL_FAILURE(make_socket_dir());
+    ASSERT_EQ(symlink(kTarget, kLockPath), 0) << strerror(errno);
+    ASSERT_EQ(ipc_ctx_add_endpoint(ctx.get(), kAppId, IPC_SOCK_SERVER, 1), 0);
+    EXPECT_EQ(lstat(kTarget, &st), -1) << "the link was followed";
+    ASSERT_EQ(lstat(kLockPath, &st), 0);
+    EXPECT_TRUE(S_ISREG(st.st_mode));
+    expect_single_log(LOG_WARNING, "IPC endpoint 219: removed a symbolic link "
+                                   "at /run/orvel/ipc/219.sock.lock");
+    serves_inline(ctx.get());
+}
+
 TEST_F(IpcTransportEndpoint, StaleSocketIsReplaced)
 {
     Ctx ctx(kAppId);
@@ -1592,11 +1866,24 @@ constexpr int kNotRefused = 2;
         _exit(kCannotBecomeNobody);
     }
     rc = ipc_client_open(kSocketPath, &c);
-    if (rc == -EACCES && c == nullptr)
-        _exit(kRefusedAsExpected);
-    dprintf(report_fd, "ipc_client_open returned %d (%s), client %s", rc,
-            strerror(-rc), c != nullptr ? "set" : "null");
-    _exit(kNotRefused);
+    if (rc != -EACCES || c != nullptr) {
+        dprintf(report_fd, "ipc_client_open returned %d (%s), client %s", rc,
+                strerror(-rc), c != nullptr ? "set" : "null");
+        _exit(kNotRefused);
+    }
+    if (unlink(kSocketPath) == 0 || errno != EACCES) {
+        dprintf(report_fd, "unlink of the socket: %s", strerror(errno));
+        _exit(kNotRefused);
+    }
+    sockaddr_un addr = unix_address(kOtherPath);
+    int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    if (bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof(addr)) == 0 ||
+        errno != EACCES) {
+        dprintf(report_fd, "a socket of its own beside it: %s",
+                strerror(errno));
+        _exit(kNotRefused);
+    }
+    _exit(kRefusedAsExpected);
 }
 
 std::string read_report(const UniqueFd &fd)

@@ -4,6 +4,7 @@
  * at once; system() goes to a mock. */
 #include <errno.h>
 #include <pthread.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <iterator>
@@ -223,6 +224,22 @@ TEST_F(PellinMgrTest, Board5StartsAndProvisions)
     });
     assert_log_file_lines(kDaemonLog, kStamp, lines, std::size(lines));
     EXPECT_EQ(captured_severity(5), LOG_CRIT);
+}
+
+/* A served board raises the open-file soft limit to the hard limit. */
+TEST_F(PellinMgrTest, OpenFileLimitIsRaisedToTheHardLimit)
+{
+    rlimit lim;
+
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &lim), 0);
+    if (lim.rlim_max < 2)
+        GTEST_SKIP() << "the hard limit leaves nothing to raise";
+    lim.rlim_cur = lim.rlim_max - 1;
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &lim), 0);
+    failing_thread = 1;
+    EXPECT_EQ(plm_main(), -1);
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &lim), 0);
+    EXPECT_EQ(lim.rlim_cur, lim.rlim_max);
 }
 
 TEST_F(PellinMgrTest, FailedFpgaInitIsUnrecoverable)

@@ -1,0 +1,404 @@
+/* The host IPC transport's own types, behind the C interface of plat_ipc.h:
+ * owned descriptors and buffers, the frame reader, the limits a server
+ * keeps and the rate-limited reports of what it refused or dropped. */
+#ifndef IPC_TRANSPORT_HPP
+#define IPC_TRANSPORT_HPP
+
+#include <errno.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/types.h>
+#include <pthread.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <utility>
+#include <vector>
+
+#include "plat_ipc.h"
+
+namespace plat::ipc
+{
+
+using Clock = std::chrono::steady_clock;
+
+/* A descriptor closed with its owner. */
+class UniqueFd
+{
+  public:
+    UniqueFd() = default;
+    explicit UniqueFd(int fd) : fd_(fd)
+    {
+    }
+    UniqueFd(UniqueFd &&other) noexcept : fd_(other.release())
+    {
+    }
+    UniqueFd &operator=(UniqueFd &&other) noexcept
+    {
+        reset(other.release());
+        return *this;
+    }
+    ~UniqueFd()
+    {
+        reset();
+    }
+
+    int get() const
+    {
+        return fd_;
+    }
+    bool valid() const
+    {
+        return fd_ >= 0;
+    }
+    int release()
+    {
+        return std::exchange(fd_, -1);
+    }
+    void reset(int fd = -1)
+    {
+        if (fd_ >= 0)
+            close(fd_);
+        fd_ = fd;
+    }
+
+  private:
+    int fd_ = -1;
+};
+
+/* Heap bytes from malloc: what crosses the C interface as a payload. */
+struct FreeDeleter {
+    void operator()(void *p) const noexcept
+    {
+        free(p);
+    }
+};
+using MallocBytes = std::unique_ptr<uint8_t[], FreeDeleter>;
+
+/* The record on the wire: the fields of ipc_msg_t up to its payload
+ * pointer, which travels as 0, as does the padding. */
+inline constexpr size_t kPayloadLenAt = 16;
+inline constexpr size_t kPaddingAt = 20;
+inline constexpr size_t kPayloadAt = 24;
+static_assert(offsetof(ipc_msg_t, payload_len) == kPayloadLenAt);
+static_assert(offsetof(ipc_msg_t, padding) == kPaddingAt);
+static_assert(offsetof(ipc_msg_t, payload) == kPayloadAt);
+static_assert(kPayloadAt + sizeof(void *) == IPC_MSG_HEADER_SIZE);
+
+using Header = std::array<uint8_t, IPC_MSG_HEADER_SIZE>;
+
+inline Header encode_header(const ipc_msg_t &msg)
+{
+    Header wire{};
+
+    memcpy(wire.data(), &msg, kPaddingAt);
+    return wire;
+}
+
+inline void decode_header(const Header &wire, ipc_msg_t *msg)
+{
+    *msg = ipc_msg_t{};
+    memcpy(msg, wire.data(), kPaddingAt);
+}
+
+inline uint32_t announced_length(const Header &wire)
+{
+    uint32_t len;
+
+    memcpy(&len, wire.data() + kPayloadLenAt, sizeof(len));
+    return len;
+}
+
+/*
+ * One message being read: its record, then its payload. fill() takes bytes
+ * from a source `ssize_t read(void *buf, size_t len)` (bytes read, 0 when
+ * none are waiting, a negative errno otherwise) but never past the end of
+ * one message. The announced length is checked before anything is
+ * allocated for the payload, and the payload's memory grows as it comes.
+ */
+class FrameReader
+{
+  public:
+    /* 1: a whole message is in; 0: more is to come; else a negative errno,
+     * which stays (the stream is out of step for good). */
+    template <class Source> int fill(Source &&read)
+    {
+        while (error_ == 0 && !complete()) {
+            ssize_t n = read_step(read);
+
+            if (n == 0)
+                return 0;
+            if (n < 0)
+                error_ = static_cast<int>(n);
+        }
+        return error_ != 0 ? error_ : 1;
+    }
+
+    bool started() const
+    {
+        return header_have_ > 0;
+    }
+    uint32_t length() const
+    {
+        return announced_length(header_);
+    }
+
+    /* The whole message into msg (its payload is the caller's now); the
+     * reader starts again. */
+    void take(ipc_msg_t *msg)
+    {
+        decode_header(header_, msg);
+        msg->payload = payload_.release();
+        *this = FrameReader();
+    }
+
+  private:
+    bool complete() const
+    {
+        return header_have_ == header_.size() && payload_have_ == length();
+    }
+
+    /* Room for the payload grows with what arrives, so a peer that
+     * announces much and sends little holds little. */
+    int make_room()
+    {
+        size_t room =
+            std::min<size_t>(length(), std::max<size_t>(2 * room_, kFirstRoom));
+        auto *grown = static_cast<uint8_t *>(realloc(payload_.get(), room));
+
+        if (grown == nullptr)
+            return -ENOMEM;
+        (void)payload_.release();
+        payload_.reset(grown);
+        room_ = room;
+        return 0;
+    }
+
+    template <class Source> ssize_t read_step(Source &read)
+    {
+        if (header_have_ < header_.size()) {
+            ssize_t n = read(header_.data() + header_have_,
+                             header_.size() - header_have_);
+
+            if (n > 0)
+                header_have_ += static_cast<size_t>(n);
+            if (header_have_ == header_.size() && length() > IPC_MAX_PAYLOAD)
+                return -EMSGSIZE;
+            return n;
+        }
+        if (payload_have_ == room_) {
+            int rc = make_room();
+
+            if (rc < 0)
+                return rc;
+        }
+        ssize_t n = read(payload_.get() + payload_have_, room_ - payload_have_);
+
+        if (n > 0)
+            payload_have_ += static_cast<size_t>(n);
+        return n;
+    }
+
+    static constexpr size_t kFirstRoom = 4096;
+    Header header_{};
+    size_t header_have_ = 0;
+    MallocBytes payload_;
+    size_t room_ = 0;
+    size_t payload_have_ = 0;
+    int error_ = 0;
+};
+
+/* Bytes read from a non-blocking socket: 0 when none are waiting,
+ * -ECONNRESET at end of stream. */
+ssize_t read_some(int fd, void *buf, size_t len);
+
+/* What a server keeps to, set apart so that tests can shorten it. */
+struct Limits {
+    /* A connection holding part of a message this long is closed. */
+    Clock::duration partial_message = std::chrono::seconds(10);
+    /* A kind of refusal or drop is logged at most once in this time. */
+    Clock::duration report_interval = std::chrono::seconds(60);
+    /* Unread replies of all connections together. */
+    size_t pending_output_total = 8u * 1024u * 1024u;
+    /* 0: as many as the open-file limit leaves room for. */
+    size_t connections = 0;
+    /* The clock every deadline is taken from. */
+    Clock::time_point (*now)() = nullptr;
+};
+extern constinit Limits limits;
+
+Clock::time_point now();
+
+/* Kinds of refusal and drop, each reported at most once per interval. */
+enum class Drop {
+    no_memory_for_connection,
+    accept_failed,
+    connection_limit,
+    payload_too_long,
+    no_memory_for_payload,
+    unread_replies,
+    unread_replies_total,
+    partial_message,
+    count
+};
+
+/*
+ * The first of a kind is logged in full at once; the ones after it within
+ * the interval are counted, and one line gives that count when the
+ * interval is over. Not locked: its server's lock covers it.
+ */
+class DropReports
+{
+  public:
+    /* True when this one is to be logged in full now. */
+    bool admit(Drop kind);
+    /* Logs the counts whose interval is over. */
+    void flush();
+    /* When flush has something to log next (time_point::max(): never). */
+    Clock::time_point next_flush() const;
+
+  private:
+    struct Kind {
+        Clock::time_point quiet_until{};
+        uint64_t unreported = 0;
+    };
+    std::array<Kind, static_cast<size_t>(Drop::count)> kinds_{};
+};
+
+/* The endpoint of a server: its directory, lock and listening socket. */
+struct Endpoint {
+    UniqueFd dir;
+    UniqueFd lock;
+    UniqueFd listener;
+    uint32_t app_id = 0;
+    char name[32] = {0}; /* the socket's name in dir */
+};
+
+/* Opens app_id's endpoint (logged when it fails): 0 or a negative errno. */
+int open_endpoint(uint32_t app_id, Endpoint *out);
+/* Removes the socket file, then lets go of the lock. */
+void close_endpoint(Endpoint *endpoint);
+
+/* A connection of a server: what it is reading, what waits to go out. */
+struct Conn {
+    uint32_t id = 0;
+    UniqueFd fd;
+    FrameReader in;
+    Clock::time_point partial_since{}; /* when `in` got a message's start */
+    bool partial = false;
+    bool frame_ready = false; /* reading pauses until ipc_recv takes it */
+    bool peer_done = false;   /* the peer sent its last byte: close once
+                                 the replies are out */
+    uint32_t polled = 0;      /* the epoll events asked for */
+    MallocBytes out;          /* replies, written from out_sent on */
+    size_t out_len = 0;
+    size_t out_sent = 0;
+
+    size_t pending() const
+    {
+        return out_len - out_sent;
+    }
+};
+
+/* A pthread mutex, whose initialisation can fail and say so. */
+class Mutex
+{
+  public:
+    Mutex() = default;
+    Mutex(const Mutex &) = delete;
+    Mutex &operator=(const Mutex &) = delete;
+    ~Mutex()
+    {
+        if (ready_)
+            pthread_mutex_destroy(&m_);
+    }
+    bool init()
+    {
+        ready_ = pthread_mutex_init(&m_, nullptr) == 0;
+        return ready_;
+    }
+    void lock()
+    {
+        pthread_mutex_lock(&m_);
+    }
+    void unlock()
+    {
+        pthread_mutex_unlock(&m_);
+    }
+
+  private:
+    pthread_mutex_t m_;
+    bool ready_ = false;
+};
+
+/*
+ * A server context: its endpoint, its connections and the loop that
+ * serves them, an epoll set woken through an eventfd when another thread
+ * sends. The methods with `locked` in their name expect the lock held.
+ */
+class Server
+{
+  public:
+    Server() = default;
+    Server(const Server &) = delete;
+    Server &operator=(const Server &) = delete;
+    ~Server()
+    {
+        conns_.clear();
+        close_endpoint(&endpoint_);
+    }
+    bool init();
+
+    Mutex lock;
+    ipc_recv_cb callback = nullptr;
+
+    int add_endpoint_locked(uint32_t app_id);
+    int receive_locked(ipc_msg_t *msg, int timeout_ms);
+    int send_locked(const ipc_msg_t &msg);
+
+  private:
+    using ConnSlot = std::vector<std::unique_ptr<Conn>>::iterator;
+    ConnSlot slot(uint32_t id);
+    Conn *find(uint32_t id);
+    void add_conn(UniqueFd fd);
+    void close_conn(Conn *conn);
+    void accept_connections();
+    void set_accepting(bool on);
+    void watch(Conn &conn);
+    int flush(Conn &conn);
+    int queue(Conn &conn, const ipc_msg_t &msg, size_t sent);
+    int read_frame(Conn &conn);
+    void service(Conn &conn, uint32_t events);
+    void expire_partial_messages();
+    void tidy_up();
+    bool take_ready(ipc_msg_t *msg);
+    int poll_timeout(int left_ms) const;
+    int poll_once(int left_ms);
+    void wake();
+    void drain_wakes();
+
+    UniqueFd wake_fd_;
+    UniqueFd epoll_;
+    Endpoint endpoint_;
+    int pollers_ = 0;
+    std::vector<std::unique_ptr<Conn>> conns_; /* sorted by id */
+    uint32_t last_id_ = 0;
+    size_t max_conns_ = 0;
+    bool accepting_ = false;
+    Clock::time_point accept_resume_ = Clock::time_point::max();
+    std::vector<uint32_t> ready_; /* whole messages, in arrival order */
+    size_t ready_head_ = 0;
+    Clock::time_point next_expiry_ = Clock::time_point::max();
+    size_t pending_total_ = 0;
+    size_t freed_since_trim_ = 0;
+    DropReports reports_;
+};
+
+} // namespace plat::ipc
+
+#endif
