@@ -1,9 +1,11 @@
 /* The IPC server. */
 #include "ipc_server.hpp"
 
+#include <inttypes.h>
 #include <pthread.h>
 #include <stdlib.h>
 #include <string.h>
+#include <time.h>
 
 #include "dispatcher.hpp"
 #include "plat_ipc.h"
@@ -16,6 +18,34 @@ constexpr uint32_t error_payload_size = 12;
 constexpr int wait_forever = -1;
 
 constinit pthread_t ipc_thread = {};
+
+/* Replies and error replies fail together when a client leaves without
+ * reading; each kind has its own throttle. Only the IPC thread sends. */
+constinit plm::LogThrottle reply_failures;
+constinit plm::LogThrottle error_reply_failures;
+
+int64_t monotonic_ms()
+{
+    struct timespec now {};
+
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
+}
+
+/* `what` is the logged line's text after the tag, kept as shipped. */
+void log_send_failure(plm::LogThrottle &throttle, const char *what,
+                      int result)
+{
+    uint64_t unlogged = 0;
+
+    if (!throttle.admit(monotonic_ms(), &unlogged))
+        return;
+    if (unlogged > 0)
+        plm_log(LOG_ERR, "%s: %s - %" PRIu64 " send failures not logged "
+                "since the last one", PLM_TAG(ERROR), what, unlogged);
+    plm_log(LOG_ERR, "%s: %s - send failure %d", PLM_TAG(ERROR), what,
+            result);
+}
 
 /* The reply's record: addresses swapped, the request's op id. Returns what
  * ipc_send returned. */
@@ -47,8 +77,7 @@ void plm_send_reply(const plm_ipc_msg *request, void *payload,
     const int result = send_record(request, request->op_id, payload, length);
 
     if (result != 0)
-        plm_log(LOG_ERR, "%s: PLM IPC request - send failure %d",
-                PLM_TAG(ERROR), result);
+        log_send_failure(reply_failures, "PLM IPC request", result);
 }
 
 void plm_send_error_msg(plm_ipc_msg *msg, uint32_t code)
@@ -69,8 +98,8 @@ void plm_send_error_msg(plm_ipc_msg *msg, uint32_t code)
     const int result =
         send_record(msg, PLM_IPC_OP_ERROR, payload, error_payload_size);
     if (result != 0)
-        plm_log(LOG_ERR, "%s: PLM send error message - send failure %d",
-                PLM_TAG(ERROR), result);
+        log_send_failure(error_reply_failures, "PLM send error message",
+                         result);
 }
 
 bool plm_ipc_check_recv_length(plm_ipc_msg *msg, uint32_t expected_len)

@@ -22,6 +22,34 @@ struct FreeDeleter {
  * with its owner unless released to a reply. */
 using Payload = std::unique_ptr<uint8_t, FreeDeleter>;
 
+/* A message that a failing client could repeat for every request: the
+ * first of each interval is logged, the rest are counted and their number
+ * given with the next one logged. */
+class LogThrottle {
+public:
+    static constexpr int64_t interval_ms = 60000;
+
+    /* Whether the event at `now_ms` is logged; `*unlogged` is then the
+     * number held back since the last one logged. */
+    bool admit(int64_t now_ms, uint64_t *unlogged)
+    {
+        if (logged_once_ && now_ms < next_ms_) {
+            held_back_++;
+            return false;
+        }
+        logged_once_ = true;
+        next_ms_ = now_ms + interval_ms;
+        *unlogged = held_back_;
+        held_back_ = 0;
+        return true;
+    }
+
+private:
+    bool logged_once_ = false;
+    int64_t next_ms_ = 0;
+    uint64_t held_back_ = 0;
+};
+
 } // namespace plm
 
 /* The daemon's IPC context, written once by the IPC thread. */

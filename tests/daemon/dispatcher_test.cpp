@@ -586,6 +586,23 @@ TEST_F(DispatcherTest, SendFailuresAreLogged)
     expect_no_more_logs();
 }
 
+/* A client that left without reading fails every reply: one line a
+ * minute per kind, not one per request. */
+TEST_F(DispatcherTest, RepeatedSendFailuresAreLoggedOnce)
+{
+    static const uint32_t words[2] = { 0x100, 0 };
+
+    fake_ipc.send_result = 32;
+    for (int i = 0; i < 3; i++) {
+        request(PLM_IPC_OP_READ_REG, words, 8);
+        request(PLM_IPC_OP_READ_REG, words, 7);
+    }
+    expect_log(LOG_ERR, "Error: PLM IPC request - send failure 32");
+    expect_log(LOG_ERR, "Error: PLM send error message - send failure 32");
+    expect_no_more_logs();
+    EXPECT_EQ(fake_ipc.sent.size(), 6u);
+}
+
 TEST_F(DispatcherTest, AllocationFailuresLeaveNoReply)
 {
     static const uint32_t words[2] = { 0x100, 0 };

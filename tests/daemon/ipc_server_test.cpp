@@ -62,3 +62,20 @@ TEST_F(IpcServerTest, EndpointFailureEndsTheThread)
 }
 
 } // namespace
+
+/* The first failure of an interval is logged; the rest are counted and
+ * their number comes with the next one logged. */
+TEST(LogThrottle, FirstOfEachIntervalWithTheCountHeldBack)
+{
+    plm::LogThrottle throttle;
+    uint64_t unlogged = 99;
+
+    EXPECT_TRUE(throttle.admit(1000, &unlogged));
+    EXPECT_EQ(unlogged, 0u);
+    EXPECT_FALSE(throttle.admit(1001, &unlogged));
+    EXPECT_FALSE(throttle.admit(60999, &unlogged));
+    EXPECT_TRUE(throttle.admit(61000, &unlogged));
+    EXPECT_EQ(unlogged, 2u);
+    EXPECT_TRUE(throttle.admit(200000, &unlogged));
+    EXPECT_EQ(unlogged, 0u);
+}
