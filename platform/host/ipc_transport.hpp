@@ -21,55 +21,13 @@
 #include <vector>
 
 #include "plat_ipc.h"
+#include "unique_fd.hpp"
 
 namespace plat::ipc
 {
 
 using Clock = std::chrono::steady_clock;
 
-/* A descriptor closed with its owner. */
-class UniqueFd
-{
-  public:
-    UniqueFd() = default;
-    explicit UniqueFd(int fd) : fd_(fd)
-    {
-    }
-    UniqueFd(UniqueFd &&other) noexcept : fd_(other.release())
-    {
-    }
-    UniqueFd &operator=(UniqueFd &&other) noexcept
-    {
-        reset(other.release());
-        return *this;
-    }
-    ~UniqueFd()
-    {
-        reset();
-    }
-
-    int get() const
-    {
-        return fd_;
-    }
-    bool valid() const
-    {
-        return fd_ >= 0;
-    }
-    int release()
-    {
-        return std::exchange(fd_, -1);
-    }
-    void reset(int fd = -1)
-    {
-        if (fd_ >= 0)
-            close(fd_);
-        fd_ = fd;
-    }
-
-  private:
-    int fd_ = -1;
-};
 
 /* Heap bytes from malloc: what crosses the C interface as a payload. */
 struct FreeDeleter {

@@ -18,7 +18,7 @@
 using plat::ipc::Clock;
 using plat::ipc::FrameReader;
 using plat::ipc::Server;
-using plat::ipc::UniqueFd;
+using plat::UniqueFd;
 
 struct ipc_client {
     UniqueFd fd;

@@ -164,44 +164,7 @@ void sleep_ms(int ms)
 
 /* Owned resources: whatever a case's outcome, they are released. */
 
-class UniqueFd
-{
-  public:
-    UniqueFd() = default;
-    explicit UniqueFd(int fd) : fd_(fd)
-    {
-    }
-    UniqueFd(UniqueFd &&other) noexcept : fd_(std::exchange(other.fd_, -1))
-    {
-    }
-    UniqueFd &operator=(UniqueFd &&other) noexcept
-    {
-        reset(std::exchange(other.fd_, -1));
-        return *this;
-    }
-    ~UniqueFd()
-    {
-        reset();
-    }
-
-    int get() const
-    {
-        return fd_;
-    }
-    bool valid() const
-    {
-        return fd_ >= 0;
-    }
-    void reset(int fd = -1)
-    {
-        if (fd_ >= 0)
-            close(fd_);
-        fd_ = fd;
-    }
-
-  private:
-    int fd_ = -1;
-};
+using plat::UniqueFd;
 
 struct ClientCloser {
     void operator()(ipc_client *c) const

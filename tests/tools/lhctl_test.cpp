@@ -30,6 +30,7 @@
 #include "plat_ipc.h"
 #include "simboard.hpp"
 #include "tool_support.hpp"
+#include "unique_fd.hpp"
 
 namespace {
 
@@ -57,33 +58,7 @@ struct Result {
     std::string err;
 };
 
-/* A file descriptor, closed when the owner goes. */
-class UniqueFd {
-public:
-    UniqueFd() = default;
-    explicit UniqueFd(int fd) : fd_(fd) {}
-    ~UniqueFd() { reset(); }
-    UniqueFd(UniqueFd &&other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-    UniqueFd &operator=(UniqueFd &&other) noexcept
-    {
-        if (this != &other) {
-            reset();
-            fd_ = std::exchange(other.fd_, -1);
-        }
-        return *this;
-    }
-
-    int get() const { return fd_; }
-    void reset()
-    {
-        if (fd_ >= 0)
-            close(fd_);
-        fd_ = -1;
-    }
-
-private:
-    int fd_ = -1;
-};
+using plat::UniqueFd;
 
 struct BoardDestroy {
     void operator()(struct sim_board *b) const { sim_board_destroy(b); }

@@ -1,7 +1,6 @@
 /* The client side of the daemon's socket. Every failure becomes a Failure
  * with the text and exit code docs/lhctl.md gives it. */
 #include <cerrno>
-#include <cstdarg>
 #include <cstdlib>
 #include <cstring>
 #include <utility>
@@ -11,19 +10,6 @@
 #include "plat_ipc.h"
 
 namespace lhctl {
-
-std::string format(const char *fmt, ...)
-{
-    va_list args, again;
-
-    va_start(args, fmt);
-    va_copy(again, args);
-    std::string text(static_cast<size_t>(vsnprintf(nullptr, 0, fmt, args)), '\0');
-    vsnprintf(text.data(), text.size() + 1, fmt, again);
-    va_end(again);
-    va_end(args);
-    return text;
-}
 
 void usage_error(const std::string &text) { throw Failure(Exit::usage, text); }
 

@@ -11,6 +11,8 @@
 #include <string>
 #include <vector>
 
+#include "tool_failure.hpp"
+
 struct ipc_client;
 
 namespace lhctl {
@@ -24,19 +26,9 @@ enum class Exit : int {
 };
 
 /* Thrown wherever a run ends early; main prints "lhctl: " and the text. */
-class Failure : public std::runtime_error {
-public:
-    Failure(Exit exit, const std::string &text)
-        : std::runtime_error(text), exit_(exit)
-    {
-    }
-    Exit exit() const { return exit_; }
+using Failure = tools::Failure<Exit>;
 
-private:
-    Exit exit_;
-};
-
-std::string format(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
+using tools::format;
 [[noreturn]] void usage_error(const std::string &text);
 
 using Bytes = std::vector<uint8_t>;

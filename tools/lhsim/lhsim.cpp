@@ -8,7 +8,6 @@
  * error or a target the board does not have; run and shell give their
  * program's. */
 #include <cerrno>
-#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <map>
@@ -18,19 +17,6 @@
 #include "lhsim.hpp"
 
 namespace lhsim {
-
-std::string format(const char *fmt, ...)
-{
-    va_list args, again;
-
-    va_start(args, fmt);
-    va_copy(again, args);
-    std::string text(static_cast<size_t>(vsnprintf(nullptr, 0, fmt, args)), '\0');
-    vsnprintf(text.data(), text.size() + 1, fmt, again);
-    va_end(again);
-    va_end(args);
-    return text;
-}
 
 uint64_t parse_u64(const std::string &text)
 {

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "simboard.hpp"
+#include "tool_failure.hpp"
 
 namespace lhsim {
 
@@ -26,22 +27,12 @@ enum class Exit : int {
 
 /* Thrown where a command ends early; main prints "lhsim: " and the text
  * unless it is empty (said already). */
-class Failure : public std::runtime_error {
-public:
-    Failure(Exit exit, const std::string &text)
-        : std::runtime_error(text), exit_(exit)
-    {
-    }
-    Exit exit() const { return exit_; }
-
-private:
-    Exit exit_;
-};
+using Failure = tools::Failure<Exit>;
 
 /* Bad arguments: main prints the command's usage line, exit 2. */
 struct UsageError {};
 
-std::string format(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
+using tools::format;
 /* Numbers as C writes them (0x1f, 31); a usage error otherwise. */
 uint32_t parse_u32(const std::string &text);
 uint64_t parse_u64(const std::string &text);

@@ -1,6 +1,7 @@
 /* The sandbox: a private mount namespace in which the board is the PCI bus. */
 #include "simboard.hpp"
 #include "simboard_internal.hpp"
+#include "unique_fd.hpp"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -33,41 +34,7 @@
 
 static __thread char last_error[PATH_MAX + 256];
 
-namespace {
-
-/* A descriptor closed when it goes out of scope. */
-class UniqueFd {
-public:
-    UniqueFd() = default;
-    explicit UniqueFd(int fd) : fd_(fd) {}
-    UniqueFd(UniqueFd &&other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-    UniqueFd &operator=(UniqueFd &&other) noexcept
-    {
-        reset(std::exchange(other.fd_, -1));
-        return *this;
-    }
-    UniqueFd(const UniqueFd &) = delete;
-    UniqueFd &operator=(const UniqueFd &) = delete;
-    ~UniqueFd() { reset(); }
-
-    int get() const { return fd_; }
-    bool valid() const { return fd_ >= 0; }
-    void reset(int fd = -1)
-    {
-        if (fd_ >= 0) {
-            int e = errno;
-
-            close(fd_);
-            errno = e;
-        }
-        fd_ = fd;
-    }
-
-private:
-    int fd_ = -1;
-};
-
-} // namespace
+using plat::UniqueFd;
 
 /* Nodes of the real /dev that the sandbox's /dev shows again. */
 static const struct dev_entry {
