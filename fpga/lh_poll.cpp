@@ -88,7 +88,7 @@ static void *lh_sys_poll_thread(void *unused)
 
     (void)unused;
     pthread_setname_np(pthread_self(), "lh_sys_poll");
-    desc = lh_csr_device();
+    desc = lh::csr_device();
     if (desc == NULL)
         return NULL;
     while (!poll_stop.load(std::memory_order_relaxed)) {
@@ -139,12 +139,12 @@ static void write_module_status(FILE *file, const lh_device_desc *desc)
  * still open at the end of the window leaves "first-" unterminated. */
 static void write_register_words(FILE *file, const lh_device_desc *desc)
 {
-    volatile void *window = desc->mapped_base;
+    lh::Window window(desc->mapped_base);
     int in_run = 0;
 
     fputs("\n----------- Register Dump -----------\n", file);
     for (unsigned long offset = 0; offset < desc->window_size; offset += 4) {
-        uint32_t value = lh_reg_read(window, (uint32_t)offset);
+        uint32_t value = window.read(lh::Reg{(uint32_t)offset});
 
         if (value == DUMP_FILLER) {
             if (in_run)
@@ -158,7 +158,7 @@ static void write_register_words(FILE *file, const lh_device_desc *desc)
         if (in_run) {
             fprintf(file, "0x%05lx: 0x%08x\n", offset - 4, DUMP_FILLER);
             in_run = 0;
-            value = lh_reg_read(window, (uint32_t)offset);
+            value = window.read(lh::Reg{(uint32_t)offset});
         }
         fprintf(file, "0x%05lx: 0x%08x\n", offset, value);
     }
@@ -181,7 +181,7 @@ void lh_register_dump(void)
     if (localtime_r(&now, &local) == NULL ||
         strftime(path, sizeof(path), DUMP_PATH_FORMAT, &local) == 0)
         return;
-    desc = lh_csr_device();
+    desc = lh::csr_device();
     if (desc == NULL)
         return;
     file = fopen(path, "a+");
