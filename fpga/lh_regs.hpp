@@ -55,6 +55,14 @@ struct Field {
     Bits bits;
 };
 
+/* The two routings are two types, so that code built for one never links
+ * against the other. */
+#ifdef LH_REG_MODEL
+inline namespace model {
+#else
+inline namespace mapped {
+#endif
+
 /* A block's registers, from its base inside the mapped window. A
  * read-modify-write changes one bit or field per write, as the hardware
  * expects. */
@@ -108,6 +116,7 @@ private:
     volatile uint8_t *base_ = nullptr;
 };
 
+} // namespace model or mapped
 } // namespace lh
 
 #endif

@@ -41,14 +41,11 @@ void log_null(const lh_block_desc &desc, const char *words)
     lh_log(LOG_ERR, "%s - %s %s", LH_TAG(NULL_POINTER), desc.name, words);
 }
 
-bool pipe_allowed(const lh_block_desc &desc, uint32_t pipe, const char *words,
+void log_bad_pipe(const lh_block_desc &desc, uint32_t pipe, const char *words,
                   int severity)
 {
-    if (pipe <= 1)
-        return true;
     lh_log(severity, "%s - %s %s - invalid pipe %d", LH_TAG(ERROR), desc.name,
            words, pipe);
-    return false;
 }
 
 bool context_valid(const lh_block_desc &desc, const BlockState &state,

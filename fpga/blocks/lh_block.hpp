@@ -130,8 +130,8 @@ bool init_lock(const lh_block_desc &desc, BlockState &state);
 void mark_created(const lh_block_desc &desc, BlockState &state, uint32_t pipe);
 /* Logs "<tag> - <name> <words>" for a null pointer argument. */
 void log_null(const lh_block_desc &desc, const char *words);
-/* A pipe above 1 is logged "<words> - invalid pipe %d" at `severity`. */
-bool pipe_allowed(const lh_block_desc &desc, uint32_t pipe, const char *words,
+/* Logs "<words> - invalid pipe %d" at `severity`. */
+void log_bad_pipe(const lh_block_desc &desc, uint32_t pipe, const char *words,
                   int severity);
 /* A context never created is logged "<words> - invalid context %d". */
 bool context_valid(const lh_block_desc &desc, const BlockState &state,
@@ -153,8 +153,10 @@ template <class Ctx>
 Ctx *context(const Block<Ctx> &b, uint32_t pipe, const char *words,
              int severity = LOG_CRIT)
 {
-    if (!pipe_allowed(b.info, pipe, words, severity))
+    if (pipe > 1) {
+        log_bad_pipe(b.info, pipe, words, severity);
         return nullptr;
+    }
     Ctx &ctx = (*b.contexts)[pipe];
     return context_valid(b.info, ctx.block, pipe, words, severity) ? &ctx
                                                                    : nullptr;
