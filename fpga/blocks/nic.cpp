@@ -183,14 +183,14 @@ constexpr lh_block_desc describe(const char *name, uint32_t module_id,
 /* A NIC block with its queue select field. */
 struct Nic {
     lh::Block<Ctx> block;
-    uint32_t select_width;       /* of the queue select field */
+    lh::Field select;            /* the queue select field */
     uint32_t second_bank_offset; /* added to the queue id, modulo the field */
 };
 
 constexpr Nic nic{
     {describe("NIC", LH_MOD_NIC, nic_errors), &nic_contexts,
      lh::ValidAt::created, keep_max_queue_id},
-    9,
+    {queue_select, {0, 9}},
     0x100,
 };
 
@@ -199,19 +199,19 @@ constexpr Nic nic{
 constexpr Nic lhx_nic{
     {describe("LHX NIC", LH_MOD_LHX_NIC, lhx_nic_errors), &lhx_nic_contexts,
      lh::ValidAt::created, keep_max_queue_id},
-    8,
+    {queue_select, {0, 8}},
     0x80,
 };
 
-void select_queue(const Nic &variant, lh::Window regs, uint32_t select)
+template <const Nic &variant>
+void select_queue(lh::Window regs, uint32_t select)
 {
-    regs.write(lh::Field{queue_select, {0, variant.select_width}}, select);
+    regs.write(variant.select, select);
 }
 
-uint32_t second_bank(const Nic &variant, uint32_t queue)
+template <const Nic &variant> uint32_t second_bank(uint32_t queue)
 {
-    return (queue + variant.second_bank_offset) &
-           lh::Bits{0, variant.select_width}.mask();
+    return (queue + variant.second_bank_offset) & variant.select.bits.mask();
 }
 
 /* The data pair of the selected queue and bank, the high word first. */
@@ -227,17 +227,17 @@ uint64_t counter48(uint32_t high, uint32_t low)
 }
 
 /* The second bank's 16-bit counter is not used. */
-void read_queue(const Nic &variant, lh::Window regs, uint32_t queue,
-                nic_queue_stats &entry)
+template <const Nic &variant>
+void read_queue(lh::Window regs, uint32_t queue, nic_queue_stats &entry)
 {
     uint32_t high, low;
 
-    select_queue(variant, regs, queue);
+    select_queue<variant>(regs, queue);
     read_bank(regs, high, low);
     entry.counters[0] = counter16_bits.of(high);
     entry.counters[1] = counter48(high, low);
     entry.present = 1;
-    select_queue(variant, regs, second_bank(variant, queue));
+    select_queue<variant>(regs, second_bank<variant>(queue));
     read_bank(regs, high, low);
     entry.counters[2] = counter48(high, low);
 }
@@ -249,27 +249,27 @@ void add_queue(nic_queue_stats &total, const nic_queue_stats &polled)
         total.counters[i] += polled.counters[i];
 }
 
-/* The lock covers the additions only; the registers are read before. */
-void update_stats(const Nic &variant, uint32_t pipe)
+/* The lock covers the additions only; the registers are read before.
+ * One copy per variant, so that its select field is a constant. */
+template <const Nic &variant> void update_stats(uint32_t pipe)
 {
     const lh::Block<Ctx> &b = variant.block;
     Ctx *ctx = lh::context(b, pipe, b.info.words.update);
     uint64_t global[NIC_GLOBAL_COUNTERS];
-    nic_queue_stats polled[NIC_QUEUES] = {};
+    nic_queue_stats polled[NIC_QUEUES]; /* read up to max_queue_id */
 
     if (ctx == nullptr)
         return;
     uint32_t max_queue_id = ctx->state.max_queue_id;
     lh::read_counters(ctx->block.window, b.info.counters, global);
     for (uint32_t queue = 0; queue <= max_queue_id; queue++)
-        read_queue(variant, ctx->block.window, queue, polled[queue]);
+        read_queue<variant>(ctx->block.window, queue, polled[queue]);
 
     std::lock_guard guard(ctx->block.lock);
     for (size_t i = 0; i < NIC_GLOBAL_COUNTERS; i++)
         ctx->stats.global[i] += global[i];
     for (uint32_t queue = 0; queue <= max_queue_id; queue++)
-        if (polled[queue].present)
-            add_queue(ctx->stats.queues[queue], polled[queue]);
+        add_queue(ctx->stats.queues[queue], polled[queue]);
 }
 
 } // namespace
@@ -281,7 +281,7 @@ int nic_context_create(uint32_t pipe, volatile void *regs)
 
 void nic_update_stats(uint32_t pipe)
 {
-    update_stats(nic, pipe);
+    update_stats<nic>(pipe);
 }
 
 int nic_get_stats(uint32_t pipe, void *buffer, uint64_t size)
@@ -306,7 +306,7 @@ int lhx_nic_context_create(uint32_t pipe, volatile void *regs)
 
 void lhx_nic_update_stats(uint32_t pipe)
 {
-    update_stats(lhx_nic, pipe);
+    update_stats<lhx_nic>(pipe);
 }
 
 int lhx_nic_get_stats(uint32_t pipe, void *buffer, uint64_t size)

@@ -22,7 +22,10 @@ constexpr bool writes = requires(W w, Arg arg) { w.write(arg, 1u); };
 
 class RegsTest : public ::testing::Test {
 protected:
-    void SetUp() override { window = lh::Window(reg_model_attach(&model, 0x100)); }
+    void SetUp() override
+    {
+        window = lh::Window(reg_model_attach(&model, 0x100));
+    }
     void TearDown() override { reg_model_detach(&model); }
 
     struct reg_model model = {};
