@@ -90,10 +90,10 @@ static uint64_t read_counter(Window window, const lh_counter_source &source)
 }
 
 void read_counters(Window window, std::span<const lh_counter_source> sources,
-                   uint64_t *values)
+                   std::span<uint64_t> values)
 {
-    for (const lh_counter_source &source : sources)
-        *values++ = read_counter(window, source);
+    for (size_t i = 0; i < sources.size() && i < values.size(); i++)
+        values[i] = read_counter(window, sources[i]);
 }
 
 bool size_matches(const lh_block_desc &desc, uint64_t size)

@@ -142,7 +142,7 @@ int detect_fatal(const lh_block_desc &desc, Window window, uint32_t pipe,
 /* Composes the counters from the block's registers, each register read
  * once, the lower address of a pair first. */
 void read_counters(Window window, std::span<const lh_counter_source> sources,
-                   uint64_t *values);
+                   std::span<uint64_t> values);
 /* The "unexpected memory size" refusal of get_stats. */
 bool size_matches(const lh_block_desc &desc, uint64_t size);
 
@@ -205,7 +205,8 @@ int fatal_error_detect(const Block<Ctx> &b, uint32_t pipe,
 }
 
 /* Adds `values` to the record under the lock. */
-template <class Ctx> void add_stats(Ctx &ctx, const uint64_t *values)
+template <class Ctx>
+void add_stats(Ctx &ctx, const decltype(Ctx::stats) &values)
 {
     std::lock_guard guard(ctx.block.lock);
     for (size_t i = 0; i < ctx.stats.size(); i++)
@@ -215,7 +216,7 @@ template <class Ctx> void add_stats(Ctx &ctx, const uint64_t *values)
 template <class Ctx> void update_stats(const Block<Ctx> &b, uint32_t pipe)
 {
     Ctx *ctx = context(b, pipe, b.info.words.update);
-    uint64_t values[std::tuple_size_v<decltype(ctx->stats)>];
+    decltype(Ctx::stats) values;
 
     if (ctx == nullptr)
         return;

@@ -423,7 +423,7 @@ int get_loopback(const Port<Ctx> &port, uint32_t *mask, uint32_t pipe)
 template <class Ctx> void update_stats(const Port<Ctx> &port, uint32_t pipe)
 {
     Ctx *ctx = lh::context(port.block, pipe, port.block.info.words.update);
-    uint64_t values[std::tuple_size_v<decltype(ctx->stats)>];
+    decltype(Ctx::stats) values;
     uint8_t up;
 
     if (ctx == nullptr)
