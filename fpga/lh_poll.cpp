@@ -3,6 +3,8 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <memory>
+
 #include "lh_block_ops.hpp"
 #include "lh_check.hpp"
 #include "lh_regs.hpp"
@@ -28,7 +30,8 @@ void lh_register_fatal_error_cb(lh_fatal_error_cb cb)
 
 static int module_failed(const lh_module_entry *entry)
 {
-    return lh_module_state[entry->module_id][entry->pipe].load(std::memory_order_relaxed);
+    return lh_module_state[entry->module_id][entry->pipe].load(
+        std::memory_order_relaxed);
 }
 
 static void refresh_block(const struct lh_block_ops *ops, uint32_t pipe)
@@ -44,7 +47,8 @@ static void report_fatal_error(const lh_module_entry *entry,
 {
     lh_fatal_error_cb cb;
 
-    lh_module_state[entry->module_id][entry->pipe].store(1, std::memory_order_relaxed);
+    lh_module_state[entry->module_id][entry->pipe].store(
+        1, std::memory_order_relaxed);
     lh_register_dump();
     cb = fatal_error_cb.load(std::memory_order_relaxed);
     if (cb != NULL) {
@@ -59,7 +63,8 @@ static void poll_entry(const lh_module_entry *entry, lh_fatal_error_t *report)
     const struct lh_block_ops *ops;
 
     if (entry->module_id >= LH_MOD_COUNT) {
-        lh_log(LOG_ERR, "%s - unsupported module %d encountered during sys poll",
+        lh_log(LOG_ERR,
+               "%s - unsupported module %d encountered during sys poll",
                LH_TAG(ERROR), entry->module_id);
         return;
     }
@@ -170,13 +175,16 @@ void lh_register_dump_write(FILE *file, const lh_device_desc *desc)
     write_register_words(file, desc);
 }
 
+struct FileClose {
+    void operator()(FILE *file) const { fclose(file); }
+};
+
 void lh_register_dump(void)
 {
     char path[DUMP_PATH_SIZE];
     time_t now = time(NULL);
     struct tm local;
     lh_device_desc *desc;
-    FILE *file;
 
     if (localtime_r(&now, &local) == NULL ||
         strftime(path, sizeof(path), DUMP_PATH_FORMAT, &local) == 0)
@@ -184,9 +192,7 @@ void lh_register_dump(void)
     desc = lh::csr_device();
     if (desc == NULL)
         return;
-    file = fopen(path, "a+");
-    if (file == NULL)
-        return;
-    lh_register_dump_write(file, desc);
-    fclose(file);
+    std::unique_ptr<FILE, FileClose> file(fopen(path, "a+"));
+    if (file)
+        lh_register_dump_write(file.get(), desc);
 }
