@@ -236,7 +236,6 @@ void read_queue(lh::Window regs, uint32_t queue, nic_queue_stats &entry)
     read_bank(regs, high, low);
     entry.counters[0] = counter16_bits.of(high);
     entry.counters[1] = counter48(high, low);
-    entry.present = 1;
     select_queue<variant>(regs, second_bank<variant>(queue));
     read_bank(regs, high, low);
     entry.counters[2] = counter48(high, low);
