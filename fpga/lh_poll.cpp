@@ -9,14 +9,14 @@
 #include "lh_check.hpp"
 #include "lh_regs.hpp"
 
-#define POLL_INTERVAL_US 500000
-#define DUMP_PATH_SIZE 169
-#define DUMP_PATH_FORMAT \
-    "/opt/orvel/platform/logs/lark_hollow_dump__%b-%d-%Y__%I-%M-%S-%p.log"
-#define DUMP_FILLER 0xDEADBEEFu
+constexpr useconds_t poll_interval_us = 500000;
+constexpr size_t dump_path_size = 169;
+constexpr const char *dump_path_format =
+    "/opt/orvel/platform/logs/lark_hollow_dump__%b-%d-%Y__%I-%M-%S-%p.log";
+constexpr uint32_t dump_filler = 0xDEADBEEFu;
 /* The last word of the base window closes a run at once; the
  * rule never applies on the smaller LHX window; dumps keep this shape. */
-#define DUMP_LAST_BASE_WORD 0x2A0FC
+constexpr unsigned long dump_last_base_word = 0x2A0FC;
 
 static std::atomic<bool> poll_stop;
 static std::atomic<bool> poll_started;
@@ -97,7 +97,7 @@ static void *lh_sys_poll_thread(void *unused)
     if (desc == NULL)
         return NULL;
     while (!poll_stop.load(std::memory_order_relaxed)) {
-        usleep(POLL_INTERVAL_US);
+        usleep(poll_interval_us);
         lh_sys_poll_scan(desc, &report);
     }
     lh_log(LOG_DEBUG, "Larks Hollow FPGA system poll thread terminated...");
@@ -151,17 +151,17 @@ static void write_register_words(FILE *file, const lh_device_desc *desc)
     for (unsigned long offset = 0; offset < desc->window_size; offset += 4) {
         uint32_t value = window.read(lh::Reg{(uint32_t)offset});
 
-        if (value == DUMP_FILLER) {
+        if (value == dump_filler) {
             if (in_run)
                 continue;
             fprintf(file, "0x%05lx-", offset);
-            in_run = offset != DUMP_LAST_BASE_WORD;
+            in_run = offset != dump_last_base_word;
             if (!in_run)
-                fprintf(file, "0x%05lx: 0x%08x\n", offset, DUMP_FILLER);
+                fprintf(file, "0x%05lx: 0x%08x\n", offset, dump_filler);
             continue;
         }
         if (in_run) {
-            fprintf(file, "0x%05lx: 0x%08x\n", offset - 4, DUMP_FILLER);
+            fprintf(file, "0x%05lx: 0x%08x\n", offset - 4, dump_filler);
             in_run = 0;
             value = window.read(lh::Reg{(uint32_t)offset});
         }
@@ -181,13 +181,13 @@ struct FileClose {
 
 void lh_register_dump(void)
 {
-    char path[DUMP_PATH_SIZE];
+    char path[dump_path_size];
     time_t now = time(NULL);
     struct tm local;
     lh_device_desc *desc;
 
     if (localtime_r(&now, &local) == NULL ||
-        strftime(path, sizeof(path), DUMP_PATH_FORMAT, &local) == 0)
+        strftime(path, sizeof(path), dump_path_format, &local) == 0)
         return;
     desc = lh::csr_device();
     if (desc == NULL)

@@ -9,7 +9,7 @@ constexpr lh::Reg revision_reg{0x000};
 constexpr lh::Reg image_timestamp_reg{0x010};
 constexpr lh::Reg scratch_reg{0x0FC};
 
-#define LH_SETPCI_COMMAND "setpci -d 1c7a:1d9 COMMAND=0x2"
+constexpr const char *setpci_command = "setpci -d 1c7a:1d9 COMMAND=0x2";
 
 /* The logged address follows region 0 whichever BAR is mapped (on the LHX
  * image too: kept as shipped). */
@@ -116,7 +116,7 @@ int lh_bringup_checks(uint32_t device_type)
 
     if (device_type == LH_DEV_TYPE_LHX) {
         /* Memory space enable; the result is not looked at. */
-        int ignored = system(LH_SETPCI_COMMAND);
+        int ignored = system(setpci_command);
         (void)ignored;
     }
     if (!lh::csr_device_found(desc) || scratch_test(desc->mapped_base) != 0)
