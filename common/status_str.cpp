@@ -2,12 +2,10 @@
 #include "lh_log.hpp"
 #include "plm_log.hpp"
 
-#define ARRAY_SIZE(a) (sizeof(a) / sizeof((a)[0]))
-
-static const char *const unknown_status = "Unknown error";
+static constexpr const char *unknown_status = "Unknown error";
 
 /* Indexed by code; codes begin at 1. */
-static const char *const plm_status_texts[] = {
+static constexpr const char *plm_status_texts[] = {
     nullptr,
     "Error",
     "Out of memory",
@@ -20,7 +18,7 @@ static const char *const plm_status_texts[] = {
     "FATAL",
 };
 
-static const char *const lh_status_texts[] = {
+static constexpr const char *lh_status_texts[] = {
     nullptr,
     "Error",
     "Out of memory",
@@ -31,20 +29,18 @@ static const char *const lh_status_texts[] = {
     "FATAL",
 };
 
-static const char *status_text(const char *const *texts, size_t count,
-                               unsigned int code)
+template <size_t N>
+static const char *status_text(const char *const (&texts)[N], unsigned code)
 {
-    if (code >= count || texts[code] == NULL)
-        return unknown_status;
-    return texts[code];
+    return code < N && texts[code] != nullptr ? texts[code] : unknown_status;
 }
 
 const char *plm_status_str(unsigned int code)
 {
-    return status_text(plm_status_texts, ARRAY_SIZE(plm_status_texts), code);
+    return status_text(plm_status_texts, code);
 }
 
 const char *lh_status_str(unsigned int code)
 {
-    return status_text(lh_status_texts, ARRAY_SIZE(lh_status_texts), code);
+    return status_text(lh_status_texts, code);
 }

@@ -9,7 +9,6 @@
 #include "lh_block.hpp"
 #include "lh_fpga.h"
 
-struct lh_block_desc;
 
 struct lh_block_ops {
     const struct lh_block_desc *desc = nullptr; /* the block's tables and name */
@@ -27,7 +26,41 @@ struct lh_block_ops {
     void (*rx_align_monitor)(uint32_t pipe) = nullptr;
 };
 
+namespace lh {
+
+using CreateFn = int (*)(uint32_t pipe, volatile void *regs);
+using FatalFn = int (*)(uint32_t pipe, lh_fatal_error_t *report);
+using UpdateFn = void (*)(uint32_t pipe);
+using GetFn = int (*)(uint32_t pipe, void *buffer, uint64_t size);
+using ClearFn = int (*)(uint32_t pipe);
+
+/* The operations of a block without statistics. */
+constexpr lh_block_ops fatal_ops(const lh_block_desc &desc, CreateFn create,
+                                 FatalFn fatal)
+{
+    lh_block_ops ops;
+    ops.desc = &desc;
+    ops.context_create = create;
+    ops.fatal_error_detect = fatal;
+    return ops;
+}
+
+/* The operations of a block with statistics. */
+constexpr lh_block_ops stats_ops(const lh_block_desc &desc, CreateFn create,
+                                 FatalFn fatal, UpdateFn update, GetFn get,
+                                 ClearFn clear)
+{
+    lh_block_ops ops = fatal_ops(desc, create, fatal);
+    ops.update_stats = update;
+    ops.get_stats = get;
+    ops.clear_stats = clear;
+    return ops;
+}
+
+} // namespace lh
+
 struct lh_block_site {
+    uint32_t module_id;
     uint32_t device_type; /* the image that carries the block */
     bool per_pipe;        /* one instance per pipe, at offsets[pipe] */
     uint32_t offsets[LH_MAX_PIPES]; /* from the window base */

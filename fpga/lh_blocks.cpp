@@ -1,71 +1,104 @@
 /* Every module id's driver, image and register offsets. On the
  * base image the second pipe's blocks sit 0x10000 above the first's;
  * global and PCIe exist once and take the pipe as listed. */
-#include <stddef.h>
+#include <algorithm>
+#include <array>
 
 #include "lh_block_ops.hpp"
 #include "lh_device.hpp"
 #include "lh_drivers.hpp"
 
-#define ONE_SITE(type, offset, driver)                                         \
-    {                                                                          \
-        .device_type = (type), .per_pipe = false,                              \
-        .offsets = {(offset), (offset)}, .ops = (driver),                      \
-    }
-#define PER_PIPE(type, offset, driver)                                         \
-    {                                                                          \
-        .device_type = (type), .per_pipe = true,                               \
-        .offsets = {(offset), (offset) + 0x10000}, .ops = (driver),            \
-    }
+namespace {
 
-static const struct lh_block_site sites[LH_MOD_COUNT] = {
-    ONE_SITE(LH_DEV_TYPE_BASE, 0x00000, &global_ops),
-    ONE_SITE(LH_DEV_TYPE_BASE, 0x01000, &pcie_ops),
-    PER_PIPE(LH_DEV_TYPE_BASE, 0x1A000, &ddr4_ops),
-    PER_PIPE(LH_DEV_TYPE_BASE, 0x10000, &caui_ops),
-    PER_PIPE(LH_DEV_TYPE_BASE, 0x12000, &nic_ops),
-    PER_PIPE(LH_DEV_TYPE_BASE, 0x16000, &parser_ops),
-    PER_PIPE(LH_DEV_TYPE_BASE, 0x17000, &pkt_class_ops),
-    PER_PIPE(LH_DEV_TYPE_BASE, 0x18000, &pkt_proc_ops),
-    PER_PIPE(LH_DEV_TYPE_BASE, 0x19000, &egress_sched_ops),
-    ONE_SITE(LH_DEV_TYPE_LHX, 0x00000, &lhx_global_ops),
-    ONE_SITE(LH_DEV_TYPE_LHX, 0x01000, &lhx_pcie_ops),
-    ONE_SITE(LH_DEV_TYPE_LHX, 0x10000, &eth_ops),
-    ONE_SITE(LH_DEV_TYPE_LHX, 0x12000, &lhx_nic_ops),
-    ONE_SITE(LH_DEV_TYPE_LHX, 0x16000, &lhx_parser_ops),
-    ONE_SITE(LH_DEV_TYPE_LHX, 0x19000, &lhx_egress_sched_ops),
+/* The struct shares its name with the lookup function. */
+using Site = struct lh_block_site;
+
+constexpr Site one_site(uint32_t module_id, uint32_t type,
+                                 uint32_t offset, const lh_block_ops &ops)
+{
+    return {module_id, type, false, {offset, offset}, &ops};
+}
+
+constexpr Site per_pipe(uint32_t module_id, uint32_t type,
+                                 uint32_t offset, const lh_block_ops &ops)
+{
+    return {module_id, type, true, {offset, offset + 0x10000}, &ops};
+}
+
+constexpr Site listed[] = {
+    one_site(LH_MOD_GLOBAL, LH_DEV_TYPE_BASE, 0x00000, global_ops),
+    one_site(LH_MOD_PCIE, LH_DEV_TYPE_BASE, 0x01000, pcie_ops),
+    per_pipe(LH_MOD_DDR4, LH_DEV_TYPE_BASE, 0x1A000, ddr4_ops),
+    per_pipe(LH_MOD_CAUI, LH_DEV_TYPE_BASE, 0x10000, caui_ops),
+    per_pipe(LH_MOD_NIC, LH_DEV_TYPE_BASE, 0x12000, nic_ops),
+    per_pipe(LH_MOD_INGRESS_PKT_PARSER, LH_DEV_TYPE_BASE, 0x16000, parser_ops),
+    per_pipe(LH_MOD_INGRESS_PKT_CLASSIFIER, LH_DEV_TYPE_BASE, 0x17000,
+             pkt_class_ops),
+    per_pipe(LH_MOD_INGRESS_PKT_PROCESSOR, LH_DEV_TYPE_BASE, 0x18000,
+             pkt_proc_ops),
+    per_pipe(LH_MOD_EGRESS_SCHEDULER, LH_DEV_TYPE_BASE, 0x19000,
+             egress_sched_ops),
+    one_site(LH_MOD_LHX_GLOBAL, LH_DEV_TYPE_LHX, 0x00000, lhx_global_ops),
+    one_site(LH_MOD_LHX_PCIE, LH_DEV_TYPE_LHX, 0x01000, lhx_pcie_ops),
+    one_site(LH_MOD_ETH, LH_DEV_TYPE_LHX, 0x10000, eth_ops),
+    one_site(LH_MOD_LHX_NIC, LH_DEV_TYPE_LHX, 0x12000, lhx_nic_ops),
+    one_site(LH_MOD_LHX_INGRESS_PKT_PARSER, LH_DEV_TYPE_LHX, 0x16000,
+             lhx_parser_ops),
+    one_site(LH_MOD_LHX_EGRESS_SCHEDULER, LH_DEV_TYPE_LHX, 0x19000,
+             lhx_egress_sched_ops),
 };
+
+constexpr bool each_module_id_once()
+{
+    std::array<int, LH_MOD_COUNT> count{};
+
+    for (const Site &site : listed) {
+        if (site.module_id >= LH_MOD_COUNT)
+            return false;
+        count[site.module_id]++;
+    }
+    return std::ranges::all_of(count, [](int n) { return n == 1; });
+}
+
+static_assert(each_module_id_once(), "one site per module id");
+
+/* The sites indexed by module id. */
+constexpr std::array<Site, LH_MOD_COUNT> by_module_id()
+{
+    std::array<Site, LH_MOD_COUNT> sites{};
+
+    for (const Site &site : listed)
+        sites[site.module_id] = site;
+    return sites;
+}
+
+constexpr std::array<Site, LH_MOD_COUNT> sites = by_module_id();
+
+} // namespace
 
 const struct lh_block_site *lh_block_site(uint32_t module_id)
 {
-    return module_id < LH_MOD_COUNT ? &sites[module_id] : NULL;
+    return module_id < LH_MOD_COUNT ? &sites[module_id] : nullptr;
 }
 
 const struct lh_block_ops *lh_block_ops_of(uint32_t module_id)
 {
     const struct lh_block_site *site = lh_block_site(module_id);
 
-    return site == NULL ? NULL : site->ops;
+    return site == nullptr ? nullptr : site->ops;
 }
 
 int lh_block_layout_of(uint32_t module_id, struct lh_block_layout *out)
 {
     const struct lh_block_site *site = lh_block_site(module_id);
-    const struct lh_block_desc *desc;
 
-    if (site == NULL || site->ops == NULL || out == NULL)
+    if (site == nullptr || site->ops == nullptr || out == nullptr)
         return -1;
-    desc = site->ops->desc;
-    *out = (struct lh_block_layout){
-        .name = desc->name,
-        .device_type = site->device_type,
-        .per_pipe = site->per_pipe,
-        .offsets = { site->offsets[0], site->offsets[1] },
-        .errors = desc->errors,
-        .error_count = desc->error_count,
-        .counters = desc->counters,
-        .counter_count = desc->counter_count,
-        .stats_size = desc->stats_size,
-    };
+    const lh_block_desc &desc = *site->ops->desc;
+    *out = {desc.name,          site->device_type,
+            site->per_pipe,     {site->offsets[0], site->offsets[1]},
+            desc.errors.data(), desc.errors.size(),
+            desc.counters.data(), desc.counters.size(),
+            desc.stats_size};
     return 0;
 }

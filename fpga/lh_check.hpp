@@ -1,49 +1,58 @@
-/* Argument checks shared by the library's entry points. */
+/* Argument checks shared by the library's entry points. Each logs its own
+ * refusal and answers whether the call may go on, so that a call's checks
+ * read as one expression in their fixed order. */
 #ifndef LH_CHECK_H
 #define LH_CHECK_H
 
 #include "lh_device.hpp"
 #include "lh_log.hpp"
 
-/* Refuses a call before the bring-up set the initialised flag, with
+namespace lh {
+
+/* A call before the bring-up set the initialised flag is refused with
  * "<tag> - <words>, - system not initialized". */
-#define LH_REQUIRE_INITIALIZED(words, failure)                                \
-    do {                                                                      \
-        if (!lh_initialized.load(std::memory_order_relaxed)) {   \
-            lh_log(LOG_ERR, "%s - " words ", - system not initialized",       \
-                   LH_TAG(ERROR));                                            \
-            return failure;                                                   \
-        }                                                                     \
-    } while (0)
+inline bool initialized(const char *words)
+{
+    if (lh_initialized.load(std::memory_order_relaxed))
+        return true;
+    lh_log(LOG_ERR, "%s - %s, - system not initialized", LH_TAG(ERROR), words);
+    return false;
+}
 
-/* Refuses a null pointer argument with "<tag> - <words>". */
-#define LH_REQUIRE_POINTER(pointer, words, failure)                           \
-    do {                                                                      \
-        if ((pointer) == NULL) {                                              \
-            lh_log(LOG_ERR, "%s - " words, LH_TAG(NULL_POINTER));             \
-            return failure;                                                   \
-        }                                                                     \
-    } while (0)
+/* A null pointer argument is refused with "<tag> - <words>". */
+inline bool present(const void *pointer, const char *words)
+{
+    if (pointer != nullptr)
+        return true;
+    lh_log(LOG_ERR, "%s - %s", LH_TAG(NULL_POINTER), words);
+    return false;
+}
 
-/* Refuses a pipe not below the device's pipe count with
+/* A pipe not below the device's pipe count is refused with
  * "<tag> - <words>, - invalid pipe <pipe>". */
-#define LH_REQUIRE_PIPE(pipe, words, failure)                                 \
-    do {                                                                      \
-        if ((pipe) >= lh_get_traffic_pipe_count()) {                          \
-            lh_log(LOG_ERR, "%s - " words ", - invalid pipe %d",              \
-                   LH_TAG(ERROR), (pipe));                                    \
-            return failure;                                                   \
-        }                                                                     \
-    } while (0)
+inline bool pipe_exists(uint32_t pipe, const char *words)
+{
+    if (pipe < lh_get_traffic_pipe_count())
+        return true;
+    lh_log(LOG_ERR, "%s - %s, - invalid pipe %d", LH_TAG(ERROR), words, pipe);
+    return false;
+}
 
 /* The CSR device, or null (discovery failed or found nothing). */
-static inline lh_device_desc *lh_csr_device(void)
+inline lh_device_desc *csr_device()
 {
-    lh_device_desc *desc = NULL;
+    lh_device_desc *desc = nullptr;
 
-    if (lh_pci_get_csr_device(&desc) != 0)
-        return NULL;
-    return desc;
+    return lh_pci_get_csr_device(&desc) == 0 ? desc : nullptr;
 }
+
+/* The CSR device into `desc`, or false, silently. */
+inline bool csr_device_found(lh_device_desc *&desc)
+{
+    desc = csr_device();
+    return desc != nullptr;
+}
+
+} // namespace lh
 
 #endif

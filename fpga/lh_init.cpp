@@ -1,6 +1,7 @@
 /* Library initialisation and shutdown. */
 #include "lh_block_ops.hpp"
 #include "lh_check.hpp"
+#include "lh_regs.hpp"
 
 /* Creates the context of every block in the descriptor's module list, at
  * the window base plus the block's offset. */
@@ -25,9 +26,8 @@ static int create_block_contexts(const lh_device_desc *desc,
         if (site->per_pipe && entry->pipe >= LH_MAX_PIPES)
             continue;
         offset = site->offsets[site->per_pipe ? entry->pipe : 0];
-        if (site->ops->context_create(
-                entry->pipe, (volatile uint8_t *)desc->mapped_base + offset) !=
-            0)
+        lh::Window block = lh::Window(desc->mapped_base).at(offset);
+        if (site->ops->context_create(entry->pipe, block.base()) != 0)
             return -1;
     }
     return 0;
@@ -35,12 +35,9 @@ static int create_block_contexts(const lh_device_desc *desc,
 
 static int device_init(uint32_t device_type)
 {
-    lh_device_desc *desc;
+    lh_device_desc *desc = nullptr;
 
-    if (lh_bringup_checks(device_type) != 0)
-        return -1;
-    desc = lh_csr_device();
-    if (desc == NULL)
+    if (lh_bringup_checks(device_type) != 0 || !lh::csr_device_found(desc))
         return -1;
     return create_block_contexts(desc, device_type);
 }

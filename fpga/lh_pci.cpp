@@ -4,10 +4,10 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <memory>
+
 #include "lh_check.hpp"
 #include "plat_board.h"
-
-#define ARRAY_SIZE(a) (sizeof(a) / sizeof((a)[0]))
 
 /* Controller type from the IDPROM; 0 = not read yet. */
 static std::atomic<uint32_t> cached_controller_type;
@@ -104,9 +104,9 @@ static const struct controller_choice controller_choices[] = {
 
 static const struct controller_choice *find_choice(uint32_t controller_type)
 {
-    for (size_t i = 0; i < ARRAY_SIZE(controller_choices); i++)
-        if (controller_choices[i].controller_type == controller_type)
-            return &controller_choices[i];
+    for (const controller_choice &choice : controller_choices)
+        if (choice.controller_type == controller_type)
+            return &choice;
     return NULL;
 }
 
@@ -166,42 +166,43 @@ static void record_mapping(lh_device_desc *desc)
            (uint32_t)region->base_addr, (unsigned long)region->size);
 }
 
+struct IteratorDestroy {
+    void operator()(pci_device_iterator *iterator) const
+    {
+        pci_iterator_destroy(iterator);
+    }
+};
+using DeviceIterator = std::unique_ptr<pci_device_iterator, IteratorDestroy>;
+
 /* Finds and maps one descriptor's device. Returns -1 only for the failures
  * that end discovery; a device that is absent or cannot be mapped is not
  * one of them. */
 static int discover_device(lh_device_desc *desc)
 {
-    struct pci_device_iterator *iterator;
-    const struct pci_mem_region *region;
+    DeviceIterator iterator(pci_id_match_iterator_create(&desc->match));
 
-    iterator = pci_id_match_iterator_create(&desc->match);
-    if (iterator == NULL) {
+    if (!iterator) {
         lh_log(LOG_CRIT, "%s -PCI iterator create failed for '%s'",
                LH_TAG(PCI), desc->name);
-        pci_iterator_destroy(NULL);
         return -1;
     }
-    desc->device = pci_device_next(iterator);
-    if (desc->device == NULL) {
-        pci_iterator_destroy(iterator);
+    desc->device = pci_device_next(iterator.get());
+    if (desc->device == NULL)
         return 0;
-    }
     if (pci_device_probe(desc->device) != 0) {
         lh_log(LOG_CRIT, "%s - PCI device probe for '%s' failed",
                LH_TAG(PCI), desc->name);
-        pci_iterator_destroy(iterator);
         return -1;
     }
-    region = &desc->device->regions[desc->bar];
-    if (pci_device_map_range(desc->device, region->base_addr, region->size,
+    const pci_mem_region &region = desc->device->regions[desc->bar];
+    if (pci_device_map_range(desc->device, region.base_addr, region.size,
                              PCI_DEV_MAP_FLAG_WRITABLE,
                              &desc->mapped_base) != 0) {
         lh_log(LOG_CRIT, "%s - PCI device mapping failed for '%s' failed\n",
                LH_TAG(PCI), desc->name);
-        pci_iterator_destroy(iterator);
         return 0;
     }
-    pci_iterator_destroy(iterator);
+    iterator.reset();
     record_mapping(desc);
     return 0;
 }

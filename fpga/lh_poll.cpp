@@ -3,18 +3,20 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <memory>
+
 #include "lh_block_ops.hpp"
 #include "lh_check.hpp"
 #include "lh_regs.hpp"
 
-#define POLL_INTERVAL_US 500000
-#define DUMP_PATH_SIZE 169
-#define DUMP_PATH_FORMAT \
-    "/opt/orvel/platform/logs/lark_hollow_dump__%b-%d-%Y__%I-%M-%S-%p.log"
-#define DUMP_FILLER 0xDEADBEEFu
+constexpr useconds_t poll_interval_us = 500000;
+constexpr size_t dump_path_size = 169;
+constexpr const char *dump_path_format =
+    "/opt/orvel/platform/logs/lark_hollow_dump__%b-%d-%Y__%I-%M-%S-%p.log";
+constexpr uint32_t dump_filler = 0xDEADBEEFu;
 /* The last word of the base window closes a run at once; the
  * rule never applies on the smaller LHX window; dumps keep this shape. */
-#define DUMP_LAST_BASE_WORD 0x2A0FC
+constexpr unsigned long dump_last_base_word = 0x2A0FC;
 
 static std::atomic<bool> poll_stop;
 static std::atomic<bool> poll_started;
@@ -28,7 +30,8 @@ void lh_register_fatal_error_cb(lh_fatal_error_cb cb)
 
 static int module_failed(const lh_module_entry *entry)
 {
-    return lh_module_state[entry->module_id][entry->pipe].load(std::memory_order_relaxed);
+    return lh_module_state[entry->module_id][entry->pipe].load(
+        std::memory_order_relaxed);
 }
 
 static void refresh_block(const struct lh_block_ops *ops, uint32_t pipe)
@@ -44,7 +47,8 @@ static void report_fatal_error(const lh_module_entry *entry,
 {
     lh_fatal_error_cb cb;
 
-    lh_module_state[entry->module_id][entry->pipe].store(1, std::memory_order_relaxed);
+    lh_module_state[entry->module_id][entry->pipe].store(
+        1, std::memory_order_relaxed);
     lh_register_dump();
     cb = fatal_error_cb.load(std::memory_order_relaxed);
     if (cb != NULL) {
@@ -59,7 +63,8 @@ static void poll_entry(const lh_module_entry *entry, lh_fatal_error_t *report)
     const struct lh_block_ops *ops;
 
     if (entry->module_id >= LH_MOD_COUNT) {
-        lh_log(LOG_ERR, "%s - unsupported module %d encountered during sys poll",
+        lh_log(LOG_ERR,
+               "%s - unsupported module %d encountered during sys poll",
                LH_TAG(ERROR), entry->module_id);
         return;
     }
@@ -88,11 +93,11 @@ static void *lh_sys_poll_thread(void *unused)
 
     (void)unused;
     pthread_setname_np(pthread_self(), "lh_sys_poll");
-    desc = lh_csr_device();
+    desc = lh::csr_device();
     if (desc == NULL)
         return NULL;
     while (!poll_stop.load(std::memory_order_relaxed)) {
-        usleep(POLL_INTERVAL_US);
+        usleep(poll_interval_us);
         lh_sys_poll_scan(desc, &report);
     }
     lh_log(LOG_DEBUG, "Larks Hollow FPGA system poll thread terminated...");
@@ -139,26 +144,26 @@ static void write_module_status(FILE *file, const lh_device_desc *desc)
  * still open at the end of the window leaves "first-" unterminated. */
 static void write_register_words(FILE *file, const lh_device_desc *desc)
 {
-    volatile void *window = desc->mapped_base;
+    lh::Window window(desc->mapped_base);
     int in_run = 0;
 
     fputs("\n----------- Register Dump -----------\n", file);
     for (unsigned long offset = 0; offset < desc->window_size; offset += 4) {
-        uint32_t value = lh_reg_read(window, (uint32_t)offset);
+        uint32_t value = window.read(lh::Reg{(uint32_t)offset});
 
-        if (value == DUMP_FILLER) {
+        if (value == dump_filler) {
             if (in_run)
                 continue;
             fprintf(file, "0x%05lx-", offset);
-            in_run = offset != DUMP_LAST_BASE_WORD;
+            in_run = offset != dump_last_base_word;
             if (!in_run)
-                fprintf(file, "0x%05lx: 0x%08x\n", offset, DUMP_FILLER);
+                fprintf(file, "0x%05lx: 0x%08x\n", offset, dump_filler);
             continue;
         }
         if (in_run) {
-            fprintf(file, "0x%05lx: 0x%08x\n", offset - 4, DUMP_FILLER);
+            fprintf(file, "0x%05lx: 0x%08x\n", offset - 4, dump_filler);
             in_run = 0;
-            value = lh_reg_read(window, (uint32_t)offset);
+            value = window.read(lh::Reg{(uint32_t)offset});
         }
         fprintf(file, "0x%05lx: 0x%08x\n", offset, value);
     }
@@ -170,23 +175,24 @@ void lh_register_dump_write(FILE *file, const lh_device_desc *desc)
     write_register_words(file, desc);
 }
 
+struct FileClose {
+    void operator()(FILE *file) const { fclose(file); }
+};
+
 void lh_register_dump(void)
 {
-    char path[DUMP_PATH_SIZE];
+    char path[dump_path_size];
     time_t now = time(NULL);
     struct tm local;
     lh_device_desc *desc;
-    FILE *file;
 
     if (localtime_r(&now, &local) == NULL ||
-        strftime(path, sizeof(path), DUMP_PATH_FORMAT, &local) == 0)
+        strftime(path, sizeof(path), dump_path_format, &local) == 0)
         return;
-    desc = lh_csr_device();
+    desc = lh::csr_device();
     if (desc == NULL)
         return;
-    file = fopen(path, "a+");
-    if (file == NULL)
-        return;
-    lh_register_dump_write(file, desc);
-    fclose(file);
+    std::unique_ptr<FILE, FileClose> file(fopen(path, "a+"));
+    if (file)
+        lh_register_dump_write(file.get(), desc);
 }

@@ -51,77 +51,93 @@ static const lh_module_entry base_one_pipe_modules[] = {
     { LH_MOD_EGRESS_SCHEDULER, 0 }, { LH_MOD_END, 0 },
 };
 
-#define LH_VENDOR_ID 0x1c7a
-#define LH_QOS_PROFILE_COUNT 0x80
+namespace {
 
-#define LH_DESCRIPTOR(type, device_id, subdevice_id, bar_index, size, pipes, \
-                      queues, modules)                                      \
-    {                                                                       \
-        .device_type = (type),                                              \
-        .name = "Control Status",                                           \
-        .match = { LH_VENDOR_ID, (device_id), PCI_MATCH_ANY,                \
-                   (subdevice_id), 0, 0, 0 },                               \
-        .bar = (bar_index),                                                 \
-        .window_size = (size),                                              \
-        .traffic_pipe_count = (pipes),                                      \
-        .max_queue_id = (queues),                                           \
-        .qos_profile_count = LH_QOS_PROFILE_COUNT,                          \
-        .module_list = (modules),                                           \
-    }
+constexpr uint32_t vendor_id = 0x1c7a;
+constexpr uint32_t qos_profile_count = 0x80;
 
-lh_device_desc lh_desc_lhx =
-    LH_DESCRIPTOR(LH_DEV_TYPE_LHX, 0x01D9, PCI_MATCH_ANY, 2, 0x19800, 1,
-                  0x80, lhx_modules);
-lh_device_desc lh_desc_base_two_pipes =
-    LH_DESCRIPTOR(LH_DEV_TYPE_BASE, 0x01D7, 0x01D7, 0, 0x2A100, 2, 0xFF,
-                  base_two_pipe_modules);
-lh_device_desc lh_desc_base_one_pipe =
-    LH_DESCRIPTOR(LH_DEV_TYPE_BASE, 0x01D7, 0x01D7, 0, 0x2A100, 1, 0xFF,
-                  base_one_pipe_modules);
+constexpr lh_device_desc describe(uint32_t type, uint32_t device_id,
+                                  uint32_t subdevice_id, uint32_t bar,
+                                  uint64_t window_size, uint32_t pipes,
+                                  uint32_t max_queue_id,
+                                  const lh_module_entry *modules)
+{
+    lh_device_desc desc;
+
+    desc.device_type = type;
+    desc.name = "Control Status";
+    desc.match = {vendor_id, device_id, PCI_MATCH_ANY, subdevice_id, 0, 0, 0};
+    desc.bar = bar;
+    desc.window_size = window_size;
+    desc.traffic_pipe_count = pipes;
+    desc.max_queue_id = max_queue_id;
+    desc.qos_profile_count = qos_profile_count;
+    desc.module_list = modules;
+    return desc;
+}
+
+} // namespace
+
+constinit lh_device_desc lh_desc_lhx =
+    describe(LH_DEV_TYPE_LHX, 0x01D9, PCI_MATCH_ANY, 2, 0x19800, 1, 0x80,
+             lhx_modules);
+constinit lh_device_desc lh_desc_base_two_pipes =
+    describe(LH_DEV_TYPE_BASE, 0x01D7, 0x01D7, 0, 0x2A100, 2, 0xFF,
+             base_two_pipe_modules);
+constinit lh_device_desc lh_desc_base_one_pipe =
+    describe(LH_DEV_TYPE_BASE, 0x01D7, 0x01D7, 0, 0x2A100, 1, 0xFF,
+             base_one_pipe_modules);
 
 std::atomic<uint8_t> lh_initialized;
 std::atomic<uint8_t> lh_module_state[LH_MOD_COUNT][LH_MAX_PIPES];
 
 uint32_t lh_get_traffic_pipe_count(void)
 {
-    lh_device_desc *desc;
+    lh_device_desc *desc = nullptr;
 
-    LH_REQUIRE_INITIALIZED("get traffic pipe count failed", 0);
-    desc = lh_csr_device();
-    return desc == NULL ? 0 : desc->traffic_pipe_count;
+    if (!(lh::initialized("get traffic pipe count failed") &&
+          lh::csr_device_found(desc)))
+        return 0;
+    return desc->traffic_pipe_count;
 }
 
 uint32_t lh_get_max_queue_id(void)
 {
-    lh_device_desc *desc;
+    lh_device_desc *desc = nullptr;
 
-    LH_REQUIRE_INITIALIZED("get max queue id supported failed", 0);
-    desc = lh_csr_device();
-    return desc == NULL ? 0 : desc->max_queue_id;
+    if (!(lh::initialized("get max queue id supported failed") &&
+          lh::csr_device_found(desc)))
+        return 0;
+    return desc->max_queue_id;
 }
 
 int lh_get_module_list(const lh_module_entry **list_out)
 {
-    lh_device_desc *desc;
+    lh_device_desc *desc = nullptr;
 
-    LH_REQUIRE_INITIALIZED("get module list", -1);
-    LH_REQUIRE_POINTER(list_out, "get module list", -1);
-    desc = lh_csr_device();
-    if (desc == NULL)
+    if (!(lh::initialized("get module list") &&
+          lh::present(list_out, "get module list") &&
+          lh::csr_device_found(desc)))
         return -1;
     *list_out = desc->module_list;
     return 0;
 }
 
+static bool module_exists(lh_module_entry entry)
+{
+    if (entry.module_id < LH_MOD_COUNT && entry.pipe < LH_MAX_PIPES)
+        return true;
+    lh_log(LOG_ERR, "%s - get module state - invalid module/pipe (%d/%d)",
+           LH_TAG(ERROR), entry.module_id, entry.pipe);
+    return false;
+}
+
 int lh_get_module_state(lh_module_entry entry, uint8_t *state_out)
 {
-    LH_REQUIRE_INITIALIZED("get module state", -1);
-    LH_REQUIRE_POINTER(state_out, "get module state", -1);
-    if (entry.module_id >= LH_MOD_COUNT || entry.pipe >= LH_MAX_PIPES) {
-        lh_log(LOG_ERR, "%s - get module state - invalid module/pipe (%d/%d)",
-               LH_TAG(ERROR), entry.module_id, entry.pipe);
+    if (!(lh::initialized("get module state") &&
+          lh::present(state_out, "get module state") && module_exists(entry)))
         return -1;
-    }
-    *state_out = lh_module_state[entry.module_id][entry.pipe].load(std::memory_order_relaxed);
+    *state_out = lh_module_state[entry.module_id][entry.pipe].load(
+        std::memory_order_relaxed);
     return 0;
 }

@@ -6,57 +6,52 @@
 #include "lh_block.hpp"
 #include "lh_drivers.hpp"
 
-#define DDR4_FATAL_STATUS 0x00
+namespace {
 
-#define FATAL(bit, text)                                                       \
-    {                                                                          \
-        DDR4_FATAL_STATUS, (bit), (text)                                       \
-    }
+constexpr uint32_t fatal_status = 0x00;
 
 /* From bit 16 down: the ECC error outranks every FIFO error. */
-static const struct lh_error_bit fatal_errors[] = {
-    FATAL(16, "Uncorrectable ecc error has been detected in the DDR4"),
-    FATAL(15, "Agent1 rdata fifo overflow"),
-    FATAL(14, "Agent1 rdata fifo underflow"),
-    FATAL(13, "Agent0 rdata fifo overflow"),
-    FATAL(12, "Agent0 rdata fifo underflow"),
-    FATAL(11, "Agent1 cmd fifo overflow"),
-    FATAL(10, "Agent1 cmd fifo underflow"),
-    FATAL(9, "Agent0 cmd fifo overflow"),
-    FATAL(8, "Agent0 cmd fifo underflow"),
-    FATAL(7, "Agent1 wdata fifo overflow"),
-    FATAL(6, "Agent1 wdata fifo underflow"),
-    FATAL(5, "Agent0 wdata fifo overflow"),
-    FATAL(4, "Agent0 wdata fifo underflow"),
-    FATAL(3, "Cmd fifo overflow"),
-    FATAL(2, "Cmd fifo underflow"),
-    FATAL(1, "Read info fifo overflow"),
-    FATAL(0, "Read info fifo underflow"),
+constexpr lh_error_bit fatal_errors[] = {
+    {fatal_status, 16,
+     "Uncorrectable ecc error has been detected in the DDR4"},
+    {fatal_status, 15, "Agent1 rdata fifo overflow"},
+    {fatal_status, 14, "Agent1 rdata fifo underflow"},
+    {fatal_status, 13, "Agent0 rdata fifo overflow"},
+    {fatal_status, 12, "Agent0 rdata fifo underflow"},
+    {fatal_status, 11, "Agent1 cmd fifo overflow"},
+    {fatal_status, 10, "Agent1 cmd fifo underflow"},
+    {fatal_status, 9, "Agent0 cmd fifo overflow"},
+    {fatal_status, 8, "Agent0 cmd fifo underflow"},
+    {fatal_status, 7, "Agent1 wdata fifo overflow"},
+    {fatal_status, 6, "Agent1 wdata fifo underflow"},
+    {fatal_status, 5, "Agent0 wdata fifo overflow"},
+    {fatal_status, 4, "Agent0 wdata fifo underflow"},
+    {fatal_status, 3, "Cmd fifo overflow"},
+    {fatal_status, 2, "Cmd fifo underflow"},
+    {fatal_status, 1, "Read info fifo overflow"},
+    {fatal_status, 0, "Read info fifo underflow"},
 };
 
-static struct lh_block_ctx ddr4_ctxs[LH_MAX_PIPES];
+using Ctx = lh::Context<lh::NoStats>;
+constinit std::array<Ctx, LH_MAX_PIPES> contexts;
 
-static const struct lh_block_desc ddr4 = {
-    .name = "DDR4",
-    .module_id = LH_MOD_DDR4,
-    .contexts = {&ddr4_ctxs[0], &ddr4_ctxs[1]},
-    .errors = fatal_errors,
-    .error_count = LH_ARRAY_SIZE(fatal_errors),
-    .words = {.fatal = "module fatal error detection"},
+constexpr lh::Block<Ctx> ddr4{
+    {"DDR4", LH_MOD_DDR4, fatal_errors, {}, 0,
+     {"module fatal error detection", nullptr, nullptr, nullptr}},
+    &contexts,
 };
+
+} // namespace
 
 int ddr4_context_create(uint32_t pipe, volatile void *regs)
 {
-    return lh_block_context_create(&ddr4, pipe, regs);
+    return lh::create(ddr4, pipe, regs);
 }
 
 int ddr4_fatal_error_detect(uint32_t pipe, lh_fatal_error_t *report)
 {
-    return lh_block_fatal_error_detect(&ddr4, pipe, report);
+    return lh::fatal_error_detect(ddr4, pipe, report);
 }
 
-const struct lh_block_ops ddr4_ops = {
-    .desc = &ddr4,
-    .context_create = ddr4_context_create,
-    .fatal_error_detect = ddr4_fatal_error_detect,
-};
+constexpr lh_block_ops ddr4_ops =
+    lh::fatal_ops(ddr4.info, ddr4_context_create, ddr4_fatal_error_detect);

@@ -7,79 +7,76 @@
 #include "lh_block.hpp"
 #include "lh_drivers.hpp"
 
-/* SEM status of die n, offsets from the block base. */
-#define SEM_STATUS(die)   (0x100 + 0x40 * (die))
-#define SEM_HEARTBEAT_BIT 0 /* set: the heartbeat has stopped */
-#define SEM_FATAL_BIT     1
+namespace {
 
-#define BASE_DIES 3
-#define LHX_DIES  1
+/* SEM status of die n, offsets from the block base. */
+constexpr uint32_t sem_status(uint32_t die) { return 0x100 + 0x40 * die; }
+constexpr uint32_t heartbeat_bit = 0; /* set: the heartbeat has stopped */
+constexpr uint32_t fatal_bit = 1;
+
+constexpr size_t base_dies = 3;
+constexpr size_t lhx_dies = 1;
+constexpr size_t rows_per_die = 2;
 
 /* Per die, the heartbeat before the fatal error. */
-static const struct lh_error_bit sem_errors[] = {
-    {SEM_STATUS(0), SEM_HEARTBEAT_BIT,
+constexpr lh_error_bit sem_errors[] = {
+    {sem_status(0), heartbeat_bit,
      "die 0 SEM controller 0 heartbeat has stopped"},
-    {SEM_STATUS(0), SEM_FATAL_BIT,
+    {sem_status(0), fatal_bit,
      "die 0 SEM controller 0 has detected a fatal error"},
-    {SEM_STATUS(1), SEM_HEARTBEAT_BIT,
+    {sem_status(1), heartbeat_bit,
      "die 1 SEM controller 0 heartbeat has stopped"},
-    {SEM_STATUS(1), SEM_FATAL_BIT,
+    {sem_status(1), fatal_bit,
      "die 1 SEM controller 0 has detected a fatal error"},
-    {SEM_STATUS(2), SEM_HEARTBEAT_BIT,
+    {sem_status(2), heartbeat_bit,
      "die 2 SEM controller 0 heartbeat has stopped"},
-    {SEM_STATUS(2), SEM_FATAL_BIT,
+    {sem_status(2), fatal_bit,
      "die 2 SEM controller 0 has detected a fatal error"},
 };
 
-#define SEM_ROWS_PER_DIE 2
+static_assert(std::size(sem_errors) == base_dies * rows_per_die,
+              "two rows per die of the base image");
 
-static_assert(LH_ARRAY_SIZE(sem_errors) == BASE_DIES * SEM_ROWS_PER_DIE,
-               "two rows per die of the base image");
+using Ctx = lh::Context<lh::NoStats>;
+constinit std::array<Ctx, LH_MAX_PIPES> global_contexts;
+constinit std::array<Ctx, LH_MAX_PIPES> lhx_global_contexts;
 
-#define GLOBAL_BLOCK(display_name, module, ctxs, dies)                         \
-    {                                                                          \
-        .name = (display_name), .module_id = (module),                         \
-        .contexts = {&(ctxs)[0], &(ctxs)[1]}, .errors = sem_errors,            \
-        .error_count = SEM_ROWS_PER_DIE * (dies),                              \
-        .words = {.fatal = "module fatal error detection"},                    \
-    }
+/* The table cut after the block's last die. */
+constexpr lh_block_desc describe(const char *name, uint32_t module_id,
+                                 size_t dies)
+{
+    return {name, module_id, std::span(sem_errors).first(rows_per_die * dies),
+            {}, 0, {"module fatal error detection", nullptr, nullptr, nullptr}};
+}
 
-static struct lh_block_ctx global_ctxs[LH_MAX_PIPES];
-static const struct lh_block_desc global =
-    GLOBAL_BLOCK("Global", LH_MOD_GLOBAL, global_ctxs, BASE_DIES);
+constexpr lh::Block<Ctx> global{describe("Global", LH_MOD_GLOBAL, base_dies),
+                                &global_contexts};
+constexpr lh::Block<Ctx> lhx_global{
+    describe("LHX Global", LH_MOD_LHX_GLOBAL, lhx_dies), &lhx_global_contexts};
 
-static struct lh_block_ctx lhx_global_ctxs[LH_MAX_PIPES];
-static const struct lh_block_desc lhx_global =
-    GLOBAL_BLOCK("LHX Global", LH_MOD_LHX_GLOBAL, lhx_global_ctxs, LHX_DIES);
+} // namespace
 
 int global_context_create(uint32_t pipe, volatile void *regs)
 {
-    return lh_block_context_create(&global, pipe, regs);
+    return lh::create(global, pipe, regs);
 }
 
 int global_fatal_error_detect(uint32_t pipe, lh_fatal_error_t *report)
 {
-    return lh_block_fatal_error_detect(&global, pipe, report);
+    return lh::fatal_error_detect(global, pipe, report);
 }
 
 int lhx_global_context_create(uint32_t pipe, volatile void *regs)
 {
-    return lh_block_context_create(&lhx_global, pipe, regs);
+    return lh::create(lhx_global, pipe, regs);
 }
 
 int lhx_global_fatal_error_detect(uint32_t pipe, lh_fatal_error_t *report)
 {
-    return lh_block_fatal_error_detect(&lhx_global, pipe, report);
+    return lh::fatal_error_detect(lhx_global, pipe, report);
 }
 
-const struct lh_block_ops global_ops = {
-    .desc = &global,
-    .context_create = global_context_create,
-    .fatal_error_detect = global_fatal_error_detect,
-};
-
-const struct lh_block_ops lhx_global_ops = {
-    .desc = &lhx_global,
-    .context_create = lhx_global_context_create,
-    .fatal_error_detect = lhx_global_fatal_error_detect,
-};
+constexpr lh_block_ops global_ops = lh::fatal_ops(
+    global.info, global_context_create, global_fatal_error_detect);
+constexpr lh_block_ops lhx_global_ops = lh::fatal_ops(
+    lhx_global.info, lhx_global_context_create, lhx_global_fatal_error_detect);

@@ -1,108 +1,254 @@
-/* What every block driver shares: the context, the
- * create steps, the pipe and context checks, the walk of a fatal-error
- * table and the statistics kept under the context's mutex. A driver is then
- * its tables, its display name and its few real differences. */
+/* What every block driver shares: the tables' rows, the context, the
+ * description and the operations over them. A driver is its tables, one
+ * description, its contexts and its named entry points, each one call into
+ * the core below. */
 #ifndef LH_BLOCK_H
 #define LH_BLOCK_H
 
 #include <pthread.h>
-#include <stdbool.h>
 #include <stddef.h>
 #include <stdint.h>
+#include <string.h>
+#include <syslog.h>
+
+#include <array>
+#include <mutex>
+#include <span>
+#include <type_traits>
 
 #include "lh_fpga.h"
+#include "lh_regs.hpp"
 
 /* One row of a fatal-error table, in test order. */
 struct lh_error_bit {
     uint32_t reg;
     uint32_t bit;
     const char *text;
+
+    constexpr lh::Bit flag() const { return {{reg}, bit}; }
 };
 
 /* A counter: bits 63..32 from `high` (LH_NO_REGISTER: none, the counter is
  * the zero-extended `low`), bits 31..0 from `low`. */
-#define LH_NO_REGISTER 0xFFFFFFFFu
-#define LH_COUNTER32(low) { LH_NO_REGISTER, (low) }
-#define LH_COUNTER64(high, low) { (high), (low) }
+inline constexpr uint32_t LH_NO_REGISTER = 0xFFFFFFFFu;
 
 struct lh_counter_source {
     uint32_t high;
     uint32_t low;
 };
 
-/* The per-pipe context of a block. Drivers that keep more embed it as the
- * first member of their own context. */
-struct lh_block_ctx {
-    uint8_t valid = 0;
-    volatile void *regs = nullptr;
-    pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER; /* guards stats only */
-    uint64_t *stats = nullptr; /* the statistics record, null for none */
-};
-
 /* The words an operation's messages carry after the display name. */
 struct lh_block_words {
-    const char *fatal = nullptr;  /* "module fatal error detection" or without "module" */
-    const char *update = nullptr; /* "update stats" */
-    const char *get = nullptr;    /* "get stats", "get interface stats" */
-    const char *clear = nullptr;  /* "clear stats", "clear interface stats" */
+    const char *fatal;  /* "module fatal error detection" or without "module" */
+    const char *update; /* "update stats" */
+    const char *get;    /* "get stats", "get interface stats" */
+    const char *clear;  /* "clear stats", "clear interface stats" */
 };
 
+/* What a block is, whatever its contexts: what tools and messages see. */
 struct lh_block_desc {
-    const char *name = nullptr; /* display name, "CAUI" */
-    uint32_t module_id = 0;
-    struct lh_block_ctx *contexts[LH_MAX_PIPES] = {}; /* indexed by pipe */
-    const struct lh_error_bit *errors = nullptr;
-    size_t error_count = 0;
-    const struct lh_counter_source *counters = nullptr;
-    size_t counter_count = 0;
-    size_t stats_size = 0; /* bytes of the statistics record, 0 for none */
-    struct lh_block_words words = {};
+    const char *name; /* display name, "CAUI" */
+    uint32_t module_id;
+    std::span<const lh_error_bit> errors;
+    std::span<const lh_counter_source> counters;
+    size_t stats_size; /* bytes of the statistics record, 0 for none */
+    lh_block_words words;
 };
 
-#define LH_ARRAY_SIZE(a) (sizeof(a) / sizeof((a)[0]))
+namespace lh {
 
-/* context_create, step by step; drivers call them in their own order. */
-/* A null base or a pipe not below 2 and the pipe count: logged, -1. */
-int lh_block_check_create(const struct lh_block_desc *desc, uint32_t pipe,
-                          volatile void *regs);
-/* Zeroes the statistics and makes the mutex; a failure is logged, -1. */
-int lh_block_init_stats(const struct lh_block_desc *desc,
-                        struct lh_block_ctx *ctx);
+constexpr lh_counter_source counter32(uint32_t low)
+{
+    return {LH_NO_REGISTER, low};
+}
+constexpr lh_counter_source counter64(uint32_t high, uint32_t low)
+{
+    return {high, low};
+}
+
+/* The lock of a context's statistics: a mutex made at create, whose
+ * failure the create reports. */
+class StatsLock {
+public:
+    bool init() { return pthread_mutex_init(&mutex_, nullptr) == 0; }
+    void lock() { pthread_mutex_lock(&mutex_); }
+    void unlock() { pthread_mutex_unlock(&mutex_); }
+
+private:
+    pthread_mutex_t mutex_ = PTHREAD_MUTEX_INITIALIZER;
+};
+
+/* What every context starts with. */
+struct BlockState {
+    uint8_t valid = 0;
+    Window window;
+    StatsLock lock; /* guards the statistics only */
+};
+
+template <size_t N> using Counters = std::array<uint64_t, N>;
+struct NoStats {};
+struct NoState {};
+
+/* The context of one pipe of a block: its statistics record and what
+ * else the driver keeps. */
+template <class Record, class State = NoState> struct Context {
+    BlockState block;
+    Record stats{};
+    State state{};
+};
+
+/* When create sets valid: once the block is ready, or before the mutex
+ * (a failed mutex then leaves the context valid; the ports keep it so). */
+enum class ValidAt { created, before_mutex };
+
+template <class Ctx> struct Block {
+    static_assert(std::is_standard_layout_v<Ctx> &&
+                  std::is_trivially_destructible_v<Ctx>);
+
+    lh_block_desc info;
+    std::array<Ctx, LH_MAX_PIPES> *contexts;
+    ValidAt valid_at = ValidAt::created;
+    /* After the checks, before anything is kept: may refuse (false). */
+    bool (*prepare)(const lh_block_desc &, Ctx &, Window) = nullptr;
+    /* Once the statistics exist, before the created line. */
+    void (*finish)(Ctx &) = nullptr;
+};
+
+template <class Record> constexpr size_t stats_size()
+{
+    return std::is_same_v<Record, NoStats> ? 0 : sizeof(Record);
+}
+
+/* ---- The parts that do not depend on the context's type ---- */
+
+/* A null base or a pipe not below 2 and the pipe count is logged. */
+bool create_allowed(const lh_block_desc &desc, uint32_t pipe,
+                    volatile void *regs);
+/* Makes the mutex; a failure is logged. */
+bool init_lock(const lh_block_desc &desc, BlockState &state);
 /* Sets valid and logs "<tag> - <name> module <pipe> context created". */
-void lh_block_mark_created(const struct lh_block_desc *desc,
-                           struct lh_block_ctx *ctx, uint32_t pipe);
-/* The whole create of a block without further state: checks, base,
- * statistics (if any), valid (after the mutex), the created line. */
-int lh_block_context_create(const struct lh_block_desc *desc, uint32_t pipe,
-                            volatile void *regs);
-
+void mark_created(const lh_block_desc &desc, BlockState &state, uint32_t pipe);
 /* Logs "<tag> - <name> <words>" for a null pointer argument. */
-void lh_block_log_null(const struct lh_block_desc *desc, const char *words);
-/* The valid context of `pipe`, or null after "<words> - invalid pipe %d"
- * (pipe > 1) or "<words> - invalid context %d" at `severity`. */
-struct lh_block_ctx *lh_block_context(const struct lh_block_desc *desc,
-                                      uint32_t pipe, const char *words,
-                                      int severity);
+void log_null(const lh_block_desc &desc, const char *words);
+/* Logs "<words> - invalid pipe %d" at `severity`. */
+void log_bad_pipe(const lh_block_desc &desc, uint32_t pipe, const char *words,
+                  int severity);
+/* A context never created is logged "<words> - invalid context %d". */
+bool context_valid(const lh_block_desc &desc, const BlockState &state,
+                   uint32_t pipe, const char *words, int severity);
+/* Walks the error table; the first set bit is reported (1). */
+int detect_fatal(const lh_block_desc &desc, Window window, uint32_t pipe,
+                 lh_fatal_error_t *report);
+/* Composes the counters from the block's registers, each register read
+ * once, the lower address of a pair first. */
+void read_counters(Window window, std::span<const lh_counter_source> sources,
+                   std::span<uint64_t> values);
+/* The "unexpected memory size" refusal of get_stats. */
+bool size_matches(const lh_block_desc &desc, uint64_t size);
 
-/* Walks the error table; the first set bit is reported (1) with its FATAL
- * line. Bad calls are logged with words.fatal and give 0. */
-int lh_block_fatal_error_detect(const struct lh_block_desc *desc,
-                                uint32_t pipe, lh_fatal_error_t *report);
+/* ---- The operations, over a block's own contexts ---- */
 
-/* Composes the counters of `sources` from the block's registers, each
- * register read once, the lower address of a pair first. */
-void lh_block_read_counters(volatile void *regs,
-                            const struct lh_counter_source *sources,
-                            size_t count, uint64_t *values);
-/* Adds `values` to the first `count` statistics words under the mutex. */
-void lh_block_add_stats(struct lh_block_ctx *ctx, const uint64_t *values,
-                        size_t count);
-/* Checks with words.update, reads every counter, adds them. */
-void lh_block_update_stats(const struct lh_block_desc *desc, uint32_t pipe);
-/* Checks with words.get, then the exact record size, then copies. */
-int lh_block_get_stats(const struct lh_block_desc *desc, uint32_t pipe,
-                       void *buffer, uint64_t size);
-/* Checks with words.clear, zeroes the record. Hardware is not touched. */
-int lh_block_clear_stats(const struct lh_block_desc *desc, uint32_t pipe);
+/* The valid context of `pipe`, or null once the refusal is logged. */
+template <class Ctx>
+Ctx *context(const Block<Ctx> &b, uint32_t pipe, const char *words,
+             int severity = LOG_CRIT)
+{
+    if (pipe > 1) {
+        log_bad_pipe(b.info, pipe, words, severity);
+        return nullptr;
+    }
+    Ctx &ctx = (*b.contexts)[pipe];
+    return context_valid(b.info, ctx.block, pipe, words, severity) ? &ctx
+                                                                   : nullptr;
+}
+
+template <class Ctx>
+bool init_stats(const Block<Ctx> &b, Ctx &ctx)
+{
+    if (b.info.stats_size == 0)
+        return true;
+    ctx.stats = {};
+    return init_lock(b.info, ctx.block);
+}
+
+template <class Ctx>
+int create(const Block<Ctx> &b, uint32_t pipe, volatile void *regs)
+{
+    if (!create_allowed(b.info, pipe, regs))
+        return -1;
+    Ctx &ctx = (*b.contexts)[pipe];
+    if (b.prepare != nullptr && !b.prepare(b.info, ctx, regs))
+        return -1;
+    ctx.block.window = regs;
+    if (b.valid_at == ValidAt::before_mutex)
+        ctx.block.valid = 1;
+    if (!init_stats(b, ctx))
+        return -1;
+    if (b.finish != nullptr)
+        b.finish(ctx);
+    mark_created(b.info, ctx.block, pipe);
+    return 0;
+}
+
+template <class Ctx>
+int fatal_error_detect(const Block<Ctx> &b, uint32_t pipe,
+                       lh_fatal_error_t *report)
+{
+    if (report == nullptr) {
+        log_null(b.info, b.info.words.fatal);
+        return 0;
+    }
+    Ctx *ctx = context(b, pipe, b.info.words.fatal);
+    if (ctx == nullptr)
+        return 0;
+    return detect_fatal(b.info, ctx->block.window, pipe, report);
+}
+
+/* Adds `values` to the record under the lock. */
+template <class Ctx>
+void add_stats(Ctx &ctx, const decltype(Ctx::stats) &values)
+{
+    std::lock_guard guard(ctx.block.lock);
+    for (size_t i = 0; i < ctx.stats.size(); i++)
+        ctx.stats[i] += values[i];
+}
+
+template <class Ctx> void update_stats(const Block<Ctx> &b, uint32_t pipe)
+{
+    Ctx *ctx = context(b, pipe, b.info.words.update);
+    decltype(Ctx::stats) values;
+
+    if (ctx == nullptr)
+        return;
+    read_counters(ctx->block.window, b.info.counters, values);
+    add_stats(*ctx, values);
+}
+
+template <class Ctx>
+int get_stats(const Block<Ctx> &b, uint32_t pipe, void *buffer, uint64_t size)
+{
+    if (buffer == nullptr) {
+        log_null(b.info, b.info.words.get);
+        return -1;
+    }
+    Ctx *ctx = context(b, pipe, b.info.words.get);
+    if (ctx == nullptr || !size_matches(b.info, size))
+        return -1;
+    std::lock_guard guard(ctx->block.lock);
+    memcpy(buffer, &ctx->stats, sizeof(ctx->stats));
+    return 0;
+}
+
+template <class Ctx> int clear_stats(const Block<Ctx> &b, uint32_t pipe)
+{
+    Ctx *ctx = context(b, pipe, b.info.words.clear);
+    if (ctx == nullptr)
+        return -1;
+    std::lock_guard guard(ctx->block.lock);
+    ctx->stats = {};
+    return 0;
+}
+
+} // namespace lh
 
 #endif

@@ -4,310 +4,269 @@
  * contexts; everything else is the tables below and the shared core. */
 #include "parser.hpp"
 
-#include <stddef.h>
-
 #include "lh_block.hpp"
 #include "lh_device.hpp"
 #include "lh_drivers.hpp"
 #include "lh_log.hpp"
-#include "lh_regs.hpp"
+
+namespace {
 
 /* Register map, offsets from the block base. */
-#define PARSER_FATAL_STATUS   0x00
-#define PARSER_QOS_INDEX      0xE0 /* selects the row seen at PARSER_QOS_PRIO */
-#define PARSER_QOS_INDEX_LSB  0
-#define PARSER_QOS_INDEX_BITS 7
-#define PARSER_QOS_PRIO       0xE4
-#define PARSER_QOS_PRIO_LSB   0
-#define PARSER_QOS_PRIO_BITS  2
+constexpr uint32_t fatal_status = 0x00;
+/* The index selects the row seen at the priority field. */
+constexpr lh::Field qos_index{{0xE0}, {0, 7}};
+constexpr lh::Field qos_priority{{0xE4}, {0, 2}};
 
-#define QOS_SET_WORDS "QoS set profile"
-#define QOS_GET_WORDS "QoS get profile"
+constexpr const char *qos_set_words = "QoS set profile";
+constexpr const char *qos_get_words = "QoS get profile";
 
-#define FATAL(bit, text)                                                       \
-    {                                                                          \
-        PARSER_FATAL_STATUS, (bit), (text)                                     \
-    }
-
-static const struct lh_error_bit fatal_errors[] = {
-    FATAL(16, "Meta Data FIFO Parity Error"),
-    FATAL(15, "Packet Length FIFO Parity Error"),
-    FATAL(14, "Meta Data FIFO Overflow"),
-    FATAL(13, "Packet Length FIFO Overflow"),
-    FATAL(12, "High Priority Burst buffer Overflow"),
-    FATAL(11, "Medium Priority Burst buffer Overflow"),
-    FATAL(10, "Low Priority Burst buffer Overflow"),
+constexpr lh_error_bit fatal_errors[] = {
+    {fatal_status, 16, "Meta Data FIFO Parity Error"},
+    {fatal_status, 15, "Packet Length FIFO Parity Error"},
+    {fatal_status, 14, "Meta Data FIFO Overflow"},
+    {fatal_status, 13, "Packet Length FIFO Overflow"},
+    {fatal_status, 12, "High Priority Burst buffer Overflow"},
+    {fatal_status, 11, "Medium Priority Burst buffer Overflow"},
+    {fatal_status, 10, "Low Priority Burst buffer Overflow"},
     /* Bit 9 twice and bit 8 never: the hardware keeps them so. */
-    FATAL(9, "Meta Data FIFO Underflow"),
-    FATAL(9, "Packet Length FIFO Underflow"),
-    FATAL(7, "High Priority Burst buffer Underflow"),
-    FATAL(6, "Medium Priority Burst buffer Underflow"),
-    FATAL(5, "Low Priority Burst buffer Underflow"),
-    FATAL(4, "High Priority Burst buffer Double bit ECC Error"),
-    FATAL(3, "Medium Priority Burst buffer Double bit ECC Error"),
-    FATAL(2, "Low Priority Burst buffer Double bit ECC Error"),
-    FATAL(1, "Parser Engine Meta Data Cycle Number Error"),
-    FATAL(0, "Priority Table Parity Error"),
+    {fatal_status, 9, "Meta Data FIFO Underflow"},
+    {fatal_status, 9, "Packet Length FIFO Underflow"},
+    {fatal_status, 7, "High Priority Burst buffer Underflow"},
+    {fatal_status, 6, "Medium Priority Burst buffer Underflow"},
+    {fatal_status, 5, "Low Priority Burst buffer Underflow"},
+    {fatal_status, 4, "High Priority Burst buffer Double bit ECC Error"},
+    {fatal_status, 3, "Medium Priority Burst buffer Double bit ECC Error"},
+    {fatal_status, 2, "Low Priority Burst buffer Double bit ECC Error"},
+    {fatal_status, 1, "Parser Engine Meta Data Cycle Number Error"},
+    {fatal_status, 0, "Priority Table Parity Error"},
 };
 
 /* The statistics record, in order. */
-static const struct lh_counter_source counters[] = {
-    LH_COUNTER64(0x50, 0x54), LH_COUNTER32(0x58), LH_COUNTER32(0x5C),
-    LH_COUNTER64(0x60, 0x64), LH_COUNTER32(0x68), LH_COUNTER32(0x6C),
-    LH_COUNTER64(0x70, 0x74), LH_COUNTER32(0x78), LH_COUNTER32(0x7C),
-    LH_COUNTER32(0x80),       LH_COUNTER32(0x84), LH_COUNTER32(0x88),
-    LH_COUNTER32(0x8C),       LH_COUNTER32(0x90), LH_COUNTER32(0x94),
+constexpr lh_counter_source counters[] = {
+    lh::counter64(0x50, 0x54), lh::counter32(0x58), lh::counter32(0x5C),
+    lh::counter64(0x60, 0x64), lh::counter32(0x68), lh::counter32(0x6C),
+    lh::counter64(0x70, 0x74), lh::counter32(0x78), lh::counter32(0x7C),
+    lh::counter32(0x80),       lh::counter32(0x84), lh::counter32(0x88),
+    lh::counter32(0x8C),       lh::counter32(0x90), lh::counter32(0x94),
 };
 
-static_assert(LH_ARRAY_SIZE(counters) == PARSER_COUNTER_COUNT,
-               "one source per counter of the statistics record");
+static_assert(std::size(counters) == PARSER_COUNTER_COUNT,
+              "one source per counter of the statistics record");
 
 /* Names of lh_qos_priority_t, which is also the value of the priority
  * field. */
-static const char *const priority_names[] = {"LOW", "MED", "HIGH"};
+constexpr const char *priority_names[] = {"LOW", "MED", "HIGH"};
 
 /* The priority a field value reads as: 3 is never written and reads LOW. */
-static const lh_qos_priority_t priority_of_field[] = {
+constexpr lh_qos_priority_t priority_of_field[] = {
     LH_QOS_PRIO_LOW,
     LH_QOS_PRIO_MED,
     LH_QOS_PRIO_HIGH,
     LH_QOS_PRIO_LOW,
 };
 
-struct parser_ctx {
-    struct lh_block_ctx block;
-    uint32_t qos_profile_count = 0;
-    uint64_t stats[PARSER_COUNTER_COUNT] = {};
+struct QosState {
+    uint32_t profile_count;
 };
 
-#define PARSER_BLOCK(display_name, module, ctxs)                               \
-    {                                                                          \
-        .name = (display_name), .module_id = (module),                         \
-        .contexts = {&(ctxs)[0].block, &(ctxs)[1].block},                      \
-        .errors = fatal_errors, .error_count = LH_ARRAY_SIZE(fatal_errors),    \
-        .counters = counters, .counter_count = LH_ARRAY_SIZE(counters),        \
-        .stats_size = PARSER_STATS_SIZE,                                       \
-        .words = {"fatal error detection", "update stats", "get stats",        \
-                  "clear stats"},                                              \
-    }
+using Ctx = lh::Context<lh::Counters<PARSER_COUNTER_COUNT>, QosState>;
+static_assert(sizeof(Ctx::stats) == PARSER_STATS_SIZE);
 
-static struct parser_ctx parser_ctxs[LH_MAX_PIPES] = {
-    {.block = {.stats = parser_ctxs[0].stats}},
-    {.block = {.stats = parser_ctxs[1].stats}},
-};
-static const struct lh_block_desc parser =
-    PARSER_BLOCK("Ingress Pkt Parser", LH_MOD_INGRESS_PKT_PARSER, parser_ctxs);
+constinit std::array<Ctx, LH_MAX_PIPES> parser_contexts;
+constinit std::array<Ctx, LH_MAX_PIPES> lhx_parser_contexts;
 
-static struct parser_ctx lhx_parser_ctxs[LH_MAX_PIPES] = {
-    {.block = {.stats = lhx_parser_ctxs[0].stats}},
-    {.block = {.stats = lhx_parser_ctxs[1].stats}},
-};
-static const struct lh_block_desc lhx_parser = PARSER_BLOCK(
-    "LHX Ingress Pkt Parser", LH_MOD_LHX_INGRESS_PKT_PARSER, lhx_parser_ctxs);
-
-static struct parser_ctx *parser_ctx(struct lh_block_ctx *ctx)
+void select_profile(lh::Window regs, uint32_t profile_id)
 {
-    return (struct parser_ctx *)ctx;
+    regs.write(qos_index, profile_id);
 }
 
-static void select_profile(volatile void *regs, uint32_t profile_id)
+/* Every profile of the device back to LOW, before the statistics exist. */
+bool reset_qos_table(const lh_block_desc &, Ctx &ctx, lh::Window regs)
 {
-    lh_reg_write_field(regs, PARSER_QOS_INDEX, PARSER_QOS_INDEX_LSB,
-                       PARSER_QOS_INDEX_BITS, profile_id);
-}
+    lh_device_desc *device = nullptr;
 
-static void write_priority(volatile void *regs, uint32_t priority)
-{
-    lh_reg_write_field(regs, PARSER_QOS_PRIO, PARSER_QOS_PRIO_LSB,
-                       PARSER_QOS_PRIO_BITS, priority);
-}
-
-static uint32_t read_priority(volatile void *regs)
-{
-    return lh_reg_read_field(regs, PARSER_QOS_PRIO, PARSER_QOS_PRIO_LSB,
-                             PARSER_QOS_PRIO_BITS);
-}
-
-static void reset_qos_table(volatile void *regs, uint32_t profile_count)
-{
-    for (uint32_t id = 0; id < profile_count; id++) {
+    if (lh_pci_get_csr_device(&device) != 0 || device == nullptr)
+        return false;
+    ctx.state.profile_count = device->qos_profile_count;
+    for (uint32_t id = 0; id < device->qos_profile_count; id++) {
         select_profile(regs, id);
-        write_priority(regs, LH_QOS_PRIO_LOW);
+        regs.write(qos_priority, LH_QOS_PRIO_LOW);
     }
+    return true;
 }
 
-static int context_create(const struct lh_block_desc *block, uint32_t pipe,
-                          volatile void *regs)
+constexpr lh_block_desc describe(const char *name, uint32_t module_id)
 {
-    lh_device_desc *device = NULL;
-    struct lh_block_ctx *ctx;
+    return {name, module_id, fatal_errors, counters, PARSER_STATS_SIZE,
+            {"fatal error detection", "update stats", "get stats",
+             "clear stats"}};
+}
 
-    if (lh_block_check_create(block, pipe, regs) != 0)
-        return -1;
-    if (lh_pci_get_csr_device(&device) != 0 || device == NULL)
-        return -1;
-    ctx = block->contexts[pipe];
-    ctx->regs = regs;
-    parser_ctx(ctx)->qos_profile_count = device->qos_profile_count;
-    reset_qos_table(regs, device->qos_profile_count);
-    if (lh_block_init_stats(block, ctx) != 0)
-        return -1;
-    lh_block_mark_created(block, ctx, pipe);
-    return 0;
+constexpr lh::Block<Ctx> parser{
+    describe("Ingress Pkt Parser", LH_MOD_INGRESS_PKT_PARSER),
+    &parser_contexts, lh::ValidAt::created, reset_qos_table};
+constexpr lh::Block<Ctx> lhx_parser{
+    describe("LHX Ingress Pkt Parser", LH_MOD_LHX_INGRESS_PKT_PARSER),
+    &lhx_parser_contexts, lh::ValidAt::created, reset_qos_table};
+
+bool profile_valid(const lh_block_desc &desc, const Ctx &ctx, uint32_t pipe,
+                   uint32_t profile_id, const char *words)
+{
+    uint32_t count = ctx.state.profile_count;
+
+    if (profile_id < count)
+        return true;
+    lh_log(LOG_ERR,
+           "%s - %s %s on pipe %d - invalid QoS profile id 0x%02x "
+           "(valid range is [0x00-0x%02x])",
+           LH_TAG(ERROR), desc.name, words, pipe, profile_id, count - 1);
+    return false;
 }
 
 /* The context of a QoS operation on `profile_id`, or null once the refusal
  * is logged; `words` names the operation in its messages. */
-static struct lh_block_ctx *qos_context(const struct lh_block_desc *block,
-                                        uint32_t pipe, uint32_t profile_id,
-                                        const char *words)
+Ctx *qos_context(const lh::Block<Ctx> &b, uint32_t pipe, uint32_t profile_id,
+                 const char *words)
 {
-    struct lh_block_ctx *ctx = lh_block_context(block, pipe, words, LOG_ERR);
-    uint32_t count;
+    Ctx *ctx = lh::context(b, pipe, words, LOG_ERR);
 
-    if (ctx == NULL)
-        return NULL;
-    count = parser_ctx(ctx)->qos_profile_count;
-    if (profile_id >= count) {
-        lh_log(LOG_ERR,
-               "%s - %s %s on pipe %d - invalid QoS profile id 0x%02x "
-               "(valid range is [0x00-0x%02x])",
-               LH_TAG(ERROR), block->name, words, pipe, profile_id, count - 1);
-        return NULL;
-    }
-    return ctx;
+    return ctx != nullptr &&
+                   profile_valid(b.info, *ctx, pipe, profile_id, words)
+               ? ctx
+               : nullptr;
 }
 
-static int qos_set_profile(const struct lh_block_desc *block, uint32_t pipe,
-                           lh_qos_profile_t qos)
+bool priority_valid(const lh_block_desc &desc, uint32_t pipe,
+                    lh_qos_profile_t qos)
 {
-    const char *name = block->name;
-    struct lh_block_ctx *ctx =
-        qos_context(block, pipe, qos.profile_id, QOS_SET_WORDS);
+    if (qos.priority < std::size(priority_names))
+        return true;
+    lh_log(LOG_ERR,
+           "%s - %s QoS set profile on pipe %d - invalid QoS priority %d "
+           "for profile id 0x%02x",
+           LH_TAG(ERROR), desc.name, pipe, qos.priority, qos.profile_id);
+    return false;
+}
 
-    if (ctx == NULL)
+int qos_set_profile(const lh::Block<Ctx> &b, uint32_t pipe,
+                    lh_qos_profile_t qos)
+{
+    Ctx *ctx = qos_context(b, pipe, qos.profile_id, qos_set_words);
+
+    if (ctx == nullptr || !priority_valid(b.info, pipe, qos))
         return -1;
-    if (qos.priority >= LH_ARRAY_SIZE(priority_names)) {
-        lh_log(LOG_ERR,
-               "%s - %s QoS set profile on pipe %d - invalid QoS priority %d "
-               "for profile id 0x%02x",
-               LH_TAG(ERROR), name, pipe, qos.priority, qos.profile_id);
-        return -1;
-    }
-    select_profile(ctx->regs, qos.profile_id);
-    write_priority(ctx->regs, qos.priority);
+    select_profile(ctx->block.window, qos.profile_id);
+    ctx->block.window.write(qos_priority, qos.priority);
     lh_log(LOG_INFO,
            "%s - %s set QoS profile id 0x%02x on pipe %d with priority %s",
-           LH_TAG(INFO), name, qos.profile_id, pipe,
+           LH_TAG(INFO), b.info.name, qos.profile_id, pipe,
            priority_names[qos.priority]);
     return 0;
 }
 
-static int qos_get_profile(const struct lh_block_desc *block, uint32_t pipe,
-                           lh_qos_profile_t *qos)
+int qos_get_profile(const lh::Block<Ctx> &b, uint32_t pipe,
+                    lh_qos_profile_t *qos)
 {
-    struct lh_block_ctx *ctx;
-
-    if (qos == NULL) {
-        lh_block_log_null(block, QOS_GET_WORDS);
+    if (qos == nullptr) {
+        lh::log_null(b.info, qos_get_words);
         return -1;
     }
-    ctx = qos_context(block, pipe, qos->profile_id, QOS_GET_WORDS);
-    if (ctx == NULL)
+    Ctx *ctx = qos_context(b, pipe, qos->profile_id, qos_get_words);
+    if (ctx == nullptr)
         return -1;
-    select_profile(ctx->regs, qos->profile_id);
-    qos->priority = priority_of_field[read_priority(ctx->regs)];
+    select_profile(ctx->block.window, qos->profile_id);
+    qos->priority = priority_of_field[ctx->block.window.read(qos_priority)];
     return 0;
 }
 
+constexpr lh_block_ops with_qos(lh_block_ops ops,
+                                int (*set)(uint32_t, lh_qos_profile_t),
+                                int (*get)(uint32_t, lh_qos_profile_t *))
+{
+    ops.qos_set_profile = set;
+    ops.qos_get_profile = get;
+    return ops;
+}
+
+} // namespace
+
 int parser_context_create(uint32_t pipe, volatile void *regs)
 {
-    return context_create(&parser, pipe, regs);
+    return lh::create(parser, pipe, regs);
 }
 
 void parser_update_stats(uint32_t pipe)
 {
-    lh_block_update_stats(&parser, pipe);
+    lh::update_stats(parser, pipe);
 }
 
 int parser_get_stats(uint32_t pipe, void *buffer, uint64_t size)
 {
-    return lh_block_get_stats(&parser, pipe, buffer, size);
+    return lh::get_stats(parser, pipe, buffer, size);
 }
 
 int parser_clear_stats(uint32_t pipe)
 {
-    return lh_block_clear_stats(&parser, pipe);
+    return lh::clear_stats(parser, pipe);
 }
 
 int parser_fatal_error_detect(uint32_t pipe, lh_fatal_error_t *report)
 {
-    return lh_block_fatal_error_detect(&parser, pipe, report);
+    return lh::fatal_error_detect(parser, pipe, report);
 }
 
 int parser_qos_set_profile(uint32_t pipe, lh_qos_profile_t qos)
 {
-    return qos_set_profile(&parser, pipe, qos);
+    return qos_set_profile(parser, pipe, qos);
 }
 
 int parser_qos_get_profile(uint32_t pipe, lh_qos_profile_t *qos)
 {
-    return qos_get_profile(&parser, pipe, qos);
+    return qos_get_profile(parser, pipe, qos);
 }
 
 int lhx_parser_context_create(uint32_t pipe, volatile void *regs)
 {
-    return context_create(&lhx_parser, pipe, regs);
+    return lh::create(lhx_parser, pipe, regs);
 }
 
 void lhx_parser_update_stats(uint32_t pipe)
 {
-    lh_block_update_stats(&lhx_parser, pipe);
+    lh::update_stats(lhx_parser, pipe);
 }
 
 int lhx_parser_get_stats(uint32_t pipe, void *buffer, uint64_t size)
 {
-    return lh_block_get_stats(&lhx_parser, pipe, buffer, size);
+    return lh::get_stats(lhx_parser, pipe, buffer, size);
 }
 
 int lhx_parser_clear_stats(uint32_t pipe)
 {
-    return lh_block_clear_stats(&lhx_parser, pipe);
+    return lh::clear_stats(lhx_parser, pipe);
 }
 
 int lhx_parser_fatal_error_detect(uint32_t pipe, lh_fatal_error_t *report)
 {
-    return lh_block_fatal_error_detect(&lhx_parser, pipe, report);
+    return lh::fatal_error_detect(lhx_parser, pipe, report);
 }
 
 int lhx_parser_qos_set_profile(uint32_t pipe, lh_qos_profile_t qos)
 {
-    return qos_set_profile(&lhx_parser, pipe, qos);
+    return qos_set_profile(lhx_parser, pipe, qos);
 }
 
 int lhx_parser_qos_get_profile(uint32_t pipe, lh_qos_profile_t *qos)
 {
-    return qos_get_profile(&lhx_parser, pipe, qos);
+    return qos_get_profile(lhx_parser, pipe, qos);
 }
 
-const struct lh_block_ops parser_ops = {
-    .desc = &parser,
-    .context_create = parser_context_create,
-    .update_stats = parser_update_stats,
-    .get_stats = parser_get_stats,
-    .clear_stats = parser_clear_stats,
-    .fatal_error_detect = parser_fatal_error_detect,
-    .qos_set_profile = parser_qos_set_profile,
-    .qos_get_profile = parser_qos_get_profile,
-};
+constexpr lh_block_ops parser_ops = with_qos(
+    lh::stats_ops(parser.info, parser_context_create, parser_fatal_error_detect,
+                  parser_update_stats, parser_get_stats, parser_clear_stats),
+    parser_qos_set_profile, parser_qos_get_profile);
 
-const struct lh_block_ops lhx_parser_ops = {
-    .desc = &lhx_parser,
-    .context_create = lhx_parser_context_create,
-    .update_stats = lhx_parser_update_stats,
-    .get_stats = lhx_parser_get_stats,
-    .clear_stats = lhx_parser_clear_stats,
-    .fatal_error_detect = lhx_parser_fatal_error_detect,
-    .qos_set_profile = lhx_parser_qos_set_profile,
-    .qos_get_profile = lhx_parser_qos_get_profile,
-};
+constexpr lh_block_ops lhx_parser_ops = with_qos(
+    lh::stats_ops(lhx_parser.info, lhx_parser_context_create,
+                  lhx_parser_fatal_error_detect, lhx_parser_update_stats,
+                  lhx_parser_get_stats, lhx_parser_clear_stats),
+    lhx_parser_qos_set_profile, lhx_parser_qos_get_profile);
