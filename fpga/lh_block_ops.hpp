@@ -73,22 +73,4 @@ const struct lh_block_site *lh_block_site(uint32_t module_id);
 /* The operations of a module id, or null (no such id, or no driver). */
 const struct lh_block_ops *lh_block_ops_of(uint32_t module_id);
 
-/* What a block looks like to a tool (the simulated board, the client):
- * where it sits, its fatal-error table and its statistics counters, all
- * read from the driver's own tables. */
-struct lh_block_layout {
-    const char *name; /* display name, "CAUI" */
-    uint32_t device_type;
-    bool per_pipe;
-    uint32_t offsets[LH_MAX_PIPES];
-    const struct lh_error_bit *errors;
-    size_t error_count;
-    const struct lh_counter_source *counters;
-    size_t counter_count;
-    size_t stats_size; /* bytes of the statistics record, 0 for none */
-};
-
-/* The layout of a module id: 0, or -1 for an id without a driver. */
-int lh_block_layout_of(uint32_t module_id, struct lh_block_layout *out);
-
 #endif

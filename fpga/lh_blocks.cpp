@@ -7,6 +7,7 @@
 #include "lh_block_ops.hpp"
 #include "lh_device.hpp"
 #include "lh_drivers.hpp"
+#include "lh_layout.hpp"
 
 namespace {
 
@@ -88,17 +89,18 @@ const struct lh_block_ops *lh_block_ops_of(uint32_t module_id)
     return site == nullptr ? nullptr : site->ops;
 }
 
-int lh_block_layout_of(uint32_t module_id, struct lh_block_layout *out)
+std::optional<lh::BlockLayout> lh::block_layout(uint32_t module_id)
 {
     const struct lh_block_site *site = lh_block_site(module_id);
 
-    if (site == nullptr || site->ops == nullptr || out == nullptr)
-        return -1;
+    if (site == nullptr || site->ops == nullptr)
+        return std::nullopt;
     const lh_block_desc &desc = *site->ops->desc;
-    *out = {desc.name,          site->device_type,
-            site->per_pipe,     {site->offsets[0], site->offsets[1]},
-            desc.errors.data(), desc.errors.size(),
-            desc.counters.data(), desc.counters.size(),
-            desc.stats_size};
-    return 0;
+    return BlockLayout{desc.name,
+                       site->device_type,
+                       site->per_pipe,
+                       {site->offsets[0], site->offsets[1]},
+                       desc.errors,
+                       desc.counters,
+                       desc.stats_size};
 }

@@ -2,7 +2,10 @@
  * queries of the public API. */
 #include <stddef.h>
 
+#include <algorithm>
+
 #include "lh_check.hpp"
+#include "lh_layout.hpp"
 
 const char *const lh_module_names[LH_MOD_COUNT + 1] = {
     "global",
@@ -22,6 +25,21 @@ const char *const lh_module_names[LH_MOD_COUNT + 1] = {
     "lhx-egress-scheduler",
     NULL,
 };
+
+std::span<const char *const, LH_MOD_COUNT> lh::module_names()
+{
+    return std::span(lh_module_names).first<LH_MOD_COUNT>();
+}
+
+std::optional<uint32_t> lh::module_by_name(std::string_view name)
+{
+    auto names = module_names();
+    auto found = std::ranges::find(names, name);
+
+    if (found == names.end())
+        return std::nullopt;
+    return static_cast<uint32_t>(found - names.begin());
+}
 
 static const lh_module_entry lhx_modules[] = {
     { LH_MOD_LHX_GLOBAL, 0 }, { LH_MOD_LHX_PCIE, 0 }, { LH_MOD_ETH, 0 },

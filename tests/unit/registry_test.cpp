@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "fake_device.hpp"
+#include "lh_layout.hpp"
 #include "lh_log.hpp"
 #include "log_expect.hpp"
 #include "private_tmp.hpp"
@@ -54,6 +55,27 @@ TEST(RegistryTablesTest, ModuleNames)
     for (int id = 0; id < LH_MOD_COUNT; id++)
         ASSERT_STREQ(lh_module_names[id], expected[id]) << "module id " << id;
     ASSERT_EQ(lh_module_names[LH_MOD_END], nullptr);
+}
+
+TEST(RegistryTablesTest, ModuleNamesAsSpan)
+{
+    std::span<const char *const, LH_MOD_COUNT> names = lh::module_names();
+
+    ASSERT_EQ(names.data(), lh_module_names);
+    ASSERT_STREQ(names[LH_MOD_CAUI], "caui");
+    ASSERT_STREQ(names[LH_MOD_COUNT - 1], "lhx-egress-scheduler");
+}
+
+TEST(RegistryTablesTest, ModuleByName)
+{
+    ASSERT_EQ(lh::module_by_name("global"), std::optional<uint32_t>(0));
+    ASSERT_EQ(lh::module_by_name("ingress-pkt-classifier"),
+              std::optional<uint32_t>(LH_MOD_INGRESS_PKT_CLASSIFIER));
+    ASSERT_EQ(lh::module_by_name("lhx-egress-scheduler"),
+              std::optional<uint32_t>(LH_MOD_LHX_EGRESS_SCHEDULER));
+    ASSERT_EQ(lh::module_by_name("CAUI"), std::nullopt);
+    ASSERT_EQ(lh::module_by_name("caui "), std::nullopt);
+    ASSERT_EQ(lh::module_by_name(""), std::nullopt);
 }
 
 TEST(RegistryTablesTest, ModuleLists)

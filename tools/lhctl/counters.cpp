@@ -22,7 +22,7 @@ constexpr const char *kQueueCounterNames[nic::kQueueCounters] = {
 
 bool has_stats(uint32_t module_id)
 {
-    auto layout = lhtables::layout_of(module_id);
+    auto layout = lh::block_layout(module_id);
 
     return layout && layout->stats_size > 0;
 }
@@ -47,12 +47,12 @@ static void add_queues(Counters &out, std::span<const uint8_t> record)
 
 Counters decode_counters(uint32_t module_id, std::span<const uint8_t> record)
 {
-    auto layout = lhtables::layout_of(module_id);
+    auto layout = lh::block_layout(module_id);
     Counters counters;
 
     if (!layout || layout->stats_size == 0 || record.size() != layout->stats_size)
         malformed(PLM_IPC_OP_GET_STATS, "not the module's statistics record");
-    for (const auto &source : lhtables::counters_of(*layout))
+    for (const auto &source : layout->counters)
         counters.push_back({counter_name(source), get64(record, 8 * counters.size())});
     if (nic::has_queues(module_id))
         add_queues(counters, record);

@@ -53,7 +53,7 @@ uint32_t parse_module(const std::string &text)
             usage_error(format("unknown module \"%s\"", text.c_str()));
         return id;
     }
-    if (auto id = lhtables::module_by_name(text))
+    if (auto id = lh::module_by_name(text))
         return *id;
     usage_error(format("unknown module \"%s\"", text.c_str()));
 }

@@ -41,7 +41,7 @@ struct Module {
 
 Module find_module(const std::string &text)
 {
-    std::optional<uint32_t> id = lhtables::module_by_name(text);
+    std::optional<uint32_t> id = lh::module_by_name(text);
     std::optional<Layout> layout;
 
     if (!id) {
@@ -51,7 +51,7 @@ Module find_module(const std::string &text)
         }
     }
     if (id && *id < lhtables::kModuleCount)
-        layout = lhtables::layout_of(*id);
+        layout = lh::block_layout(*id);
     if (!layout)
         throw Failure(Exit::usage,
                       format("no module \"%s\" (names: global, pcie, ddr4, "
@@ -154,7 +154,7 @@ const ErrorRow &row_by_bit(const Layout &l, const BitChoice &choice)
     bool several = false;
     std::string registers;
 
-    for (const ErrorRow &row : lhtables::errors_of(l)) {
+    for (const ErrorRow &row : l.errors) {
         if (!matches(row, choice))
             continue;
         registers += format(" 0x%x", row.reg);
@@ -175,7 +175,7 @@ const ErrorRow &row_by_bit(const Layout &l, const BitChoice &choice)
 /* The first row of a text that a table lists more than once. */
 const ErrorRow &row_by_text(const Target &t, const std::string &text)
 {
-    for (const ErrorRow &row : lhtables::errors_of(t.layout()))
+    for (const ErrorRow &row : t.layout().errors)
         if (text == row.text)
             return row;
     throw Failure(Exit::usage,
@@ -187,7 +187,7 @@ const ErrorRow &row_by_text(const Target &t, const std::string &text)
 /* The row the driver reports for row's bit: the first that tests it. */
 const ErrorRow &reported_row(const Layout &l, const ErrorRow &row)
 {
-    for (const ErrorRow &each : lhtables::errors_of(l))
+    for (const ErrorRow &each : l.errors)
         if (each.reg == row.reg && each.bit == row.bit)
             return each;
     return row;
@@ -220,7 +220,7 @@ Exit clear_fatal(const Args &a)
 {
     Target t = open_block(a);
 
-    for (const ErrorRow &row : lhtables::errors_of(t.layout()))
+    for (const ErrorRow &row : t.layout().errors)
         t.set_bit(row.reg, row.bit, false);
     printf("%s pipe %u: fatal error bits cleared\n", t.layout().name, t.pipe);
     return Exit::ok;
@@ -235,7 +235,7 @@ Exit link(const Args &a)
     const bool up = a.state == "up";
     Board board(a.dir);
     for (const PortStatus &port : kPorts) {
-        std::optional<Layout> layout = lhtables::layout_of(port.module_id);
+        std::optional<Layout> layout = lh::block_layout(port.module_id);
 
         if (!layout || layout->device_type != board.kind().device_type)
             continue;
@@ -255,7 +255,7 @@ Exit counter(const Args &a)
     uint32_t index = parse_u32(a.index);
     uint64_t value = parse_u64(a.value);
     Target t = open_block(a);
-    auto sources = lhtables::counters_of(t.layout());
+    auto sources = t.layout().counters;
 
     if (index >= sources.size())
         throw Failure(Exit::usage, format("%s has %zu counters, no counter %u",
@@ -314,7 +314,7 @@ Exit poke(const Args &a)
 
 Exit errors(const Args &a)
 {
-    for (const ErrorRow &row : lhtables::errors_of(find_module(a.module).layout))
+    for (const ErrorRow &row : find_module(a.module).layout.errors)
         printf("0x%04x %2u %s\n", row.reg, row.bit, row.text);
     return Exit::ok;
 }
