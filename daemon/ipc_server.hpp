@@ -6,21 +6,15 @@
 
 #include <stdbool.h>
 #include <stdint.h>
-#include <stdlib.h>
-
-#include <memory>
 
 #include "ipc_msg.hpp"
+#include "owned.hpp"
 
 namespace plm {
 
-struct FreeDeleter {
-    void operator()(void *bytes) const { free(bytes); }
-};
-
 /* A payload that crosses the transport's C interface: malloc-backed, freed
  * with its owner unless released to a reply. */
-using Payload = std::unique_ptr<uint8_t, FreeDeleter>;
+using Payload = pellin::Malloced<uint8_t>;
 
 /* A message that a failing client could repeat for every request: the
  * first of each interval is logged, the rest are counted and their number

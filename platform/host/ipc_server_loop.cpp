@@ -77,7 +77,7 @@ bool Server::init()
 {
     wake_fd_.reset(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
     epoll_.reset(epoll_create1(EPOLL_CLOEXEC));
-    return wake_fd_.valid() && epoll_.valid() && lock.init() &&
+    return wake_fd_.valid() && epoll_.valid() &&
            epoll_set(epoll_.get(), EPOLL_CTL_ADD, wake_fd_.get(), EPOLLIN,
                      kWakeKey) == 0;
 }

@@ -8,7 +8,6 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/types.h>
-#include <pthread.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -17,26 +16,19 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <utility>
 #include <vector>
 
+#include "owned.hpp"
 #include "plat_ipc.h"
-#include "unique_fd.hpp"
 
 namespace plat::ipc
 {
 
 using Clock = std::chrono::steady_clock;
-
-
-/* Heap bytes from malloc: what crosses the C interface as a payload. */
-struct FreeDeleter {
-    void operator()(void *p) const noexcept
-    {
-        free(p);
-    }
-};
-using MallocBytes = std::unique_ptr<uint8_t[], FreeDeleter>;
+using pellin::MallocBytes;
+using pellin::UniqueFd;
 
 /* The record on the wire: the fields of ipc_msg_t up to its payload
  * pointer, which travels as 0, as does the padding. */
@@ -263,37 +255,6 @@ struct Conn {
     }
 };
 
-/* A pthread mutex, whose initialisation can fail and say so. */
-class Mutex
-{
-  public:
-    Mutex() = default;
-    Mutex(const Mutex &) = delete;
-    Mutex &operator=(const Mutex &) = delete;
-    ~Mutex()
-    {
-        if (ready_)
-            pthread_mutex_destroy(&m_);
-    }
-    bool init()
-    {
-        ready_ = pthread_mutex_init(&m_, nullptr) == 0;
-        return ready_;
-    }
-    void lock()
-    {
-        pthread_mutex_lock(&m_);
-    }
-    void unlock()
-    {
-        pthread_mutex_unlock(&m_);
-    }
-
-  private:
-    pthread_mutex_t m_;
-    bool ready_ = false;
-};
-
 /*
  * A server context: its endpoint, its connections and the loop that
  * serves them, an epoll set woken through an eventfd when another thread
@@ -312,7 +273,7 @@ class Server
     }
     bool init();
 
-    Mutex lock;
+    std::mutex lock;
     ipc_recv_cb callback = nullptr;
 
     int add_endpoint_locked(uint32_t app_id);

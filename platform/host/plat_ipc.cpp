@@ -18,7 +18,7 @@
 using plat::ipc::Clock;
 using plat::ipc::FrameReader;
 using plat::ipc::Server;
-using plat::UniqueFd;
+using plat::ipc::UniqueFd;
 
 struct ipc_client {
     UniqueFd fd;
@@ -53,25 +53,6 @@ Server *server_of(uint64_t handle)
 {
     return reinterpret_cast<Server *>(static_cast<uintptr_t>(handle));
 }
-
-/* The server's lock for a scope. */
-class Locked
-{
-  public:
-    explicit Locked(Server *s) : s_(s)
-    {
-        s_->lock.lock();
-    }
-    Locked(const Locked &) = delete;
-    Locked &operator=(const Locked &) = delete;
-    ~Locked()
-    {
-        s_->lock.unlock();
-    }
-
-  private:
-    Server *s_;
-};
 
 int check_outgoing(const ipc_msg_t *msg)
 {
@@ -198,7 +179,7 @@ int ipc_ctx_init_proxy(uint64_t handle, int, ipc_recv_cb cb, int)
 
     if (s == nullptr)
         return -EINVAL;
-    Locked l(s);
+    std::lock_guard hold(s->lock);
     s->callback = cb;
     return 0;
 }
@@ -209,7 +190,7 @@ int ipc_ctx_add_endpoint(uint64_t handle, uint32_t app_id, int type, int)
 
     if (s == nullptr || type != IPC_SOCK_SERVER)
         return -EINVAL;
-    Locked l(s);
+    std::lock_guard hold(s->lock);
     return s->add_endpoint_locked(app_id);
 }
 
@@ -225,7 +206,7 @@ int ipc_recv(uint64_t handle, ipc_msg_t *msg, int timeout_ms)
     if (s == nullptr)
         return -EINVAL;
     {
-        Locked l(s);
+        std::lock_guard hold(s->lock);
         rc = s->receive_locked(msg, timeout_ms);
         callback = s->callback;
     }
@@ -250,7 +231,7 @@ int ipc_send(uint64_t handle, ipc_msg_t *msg, int)
     int rc = check_outgoing(&out);
     if (rc < 0)
         return rc;
-    Locked l(s);
+    std::lock_guard hold(s->lock);
     return s->send_locked(out);
 }
 

@@ -133,13 +133,7 @@ uint8_t *must_alloc(size_t size)
     return static_cast<uint8_t *>(p);
 }
 
-struct FreeDeleter {
-    void operator()(void *p) const
-    {
-        free(p);
-    }
-};
-using MallocBytes = std::unique_ptr<uint8_t, FreeDeleter>;
+using MallocBytes = pellin::Malloced<uint8_t>;
 
 /* Time */
 
@@ -164,7 +158,7 @@ void sleep_ms(int ms)
 
 /* Owned resources: whatever a case's outcome, they are released. */
 
-using plat::UniqueFd;
+using pellin::UniqueFd;
 
 struct ClientCloser {
     void operator()(ipc_client *c) const

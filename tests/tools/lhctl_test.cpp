@@ -30,7 +30,7 @@
 #include "plat_ipc.h"
 #include "simboard.hpp"
 #include "tool_support.hpp"
-#include "unique_fd.hpp"
+#include "owned.hpp"
 
 namespace {
 
@@ -58,7 +58,7 @@ struct Result {
     std::string err;
 };
 
-using plat::UniqueFd;
+using pellin::UniqueFd;
 
 struct BoardDestroy {
     void operator()(struct sim_board *b) const { sim_board_destroy(b); }

@@ -12,6 +12,7 @@
 #include "fake_device.hpp"
 #include "lh_log.hpp"
 #include "log_expect.hpp"
+#include "owned.hpp"
 #include "mutex_wrap.hpp"
 #include "private_tmp.hpp"
 #include "syslog_capture.hpp"
@@ -56,10 +57,7 @@ void expect_logs(std::initializer_list<Logged> lines)
         expect_log(line.severity, line.text);
 }
 
-struct FreeDeleter {
-    void operator()(char *text) const { free(text); }
-};
-using FileText = std::unique_ptr<char, FreeDeleter>;
+using FileText = pellin::Malloced<char>;
 
 } // namespace
 

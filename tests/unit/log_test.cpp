@@ -12,16 +12,14 @@
 
 #include "lh_log.hpp"
 #include "log_expect.hpp"
+#include "owned.hpp"
 #include "plm_log.hpp"
 #include "private_tmp.hpp"
 #include "syslog_capture.hpp"
 
 namespace {
 
-struct FreeDeleter {
-    void operator()(char *text) const { free(text); }
-};
-using FileText = std::unique_ptr<char, FreeDeleter>;
+using FileText = pellin::Malloced<char>;
 
 /* An empty file made from a mkstemp template, removed at the end. */
 class TempFile {

@@ -11,15 +11,8 @@
 #include "lh_device.hpp"
 #include "lh_log.hpp"
 #include "log_expect.hpp"
+#include "owned.hpp"
 #include "private_tmp.hpp"
-
-namespace {
-
-struct FreeDeleter {
-    void operator()(char *text) const { free(text); }
-};
-
-} // namespace
 
 /* Every case starts without an IDPROM file, with nothing cached, on
  * hardware (not the QRN simulation), expecting the library's lines. */
@@ -58,7 +51,7 @@ protected:
         write_text_file(LH_IDPROM_CACHE_PATH, file);
         ASSERT_EQ(lh_idprom_cache_get(key, &value), LH_IDPROM_OK);
         ASSERT_NE(value, untouched);
-        std::unique_ptr<char, FreeDeleter> owned(value);
+        pellin::Malloced<char> owned(value);
         if (expected == nullptr) {
             ASSERT_EQ(value, nullptr);
         } else {

@@ -1,7 +1,7 @@
 /* The sandbox: a private mount namespace in which the board is the PCI bus. */
 #include "simboard.hpp"
 #include "simboard_internal.hpp"
-#include "unique_fd.hpp"
+#include "owned.hpp"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -34,7 +34,7 @@
 
 static __thread char last_error[PATH_MAX + 256];
 
-using plat::UniqueFd;
+using pellin::UniqueFd;
 
 /* Nodes of the real /dev that the sandbox's /dev shows again. */
 static const struct dev_entry {

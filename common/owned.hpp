@@ -1,15 +1,20 @@
-/* A file descriptor closed with its owner. Closing keeps errno, so a
- * caller can still report the failure that made it give up. */
-#ifndef PLAT_UNIQUE_FD_HPP
-#define PLAT_UNIQUE_FD_HPP
+/* Resources closed or freed with their owner: a file descriptor, and heap
+ * bytes from malloc (what crosses a C interface as a payload). */
+#ifndef PELLIN_OWNED_HPP
+#define PELLIN_OWNED_HPP
 
 #include <errno.h>
+#include <stdlib.h>
 #include <unistd.h>
 
+#include <cstdint>
+#include <memory>
 #include <utility>
 
-namespace plat {
+namespace pellin {
 
+/* Closing keeps errno, so a caller can still report the failure that made
+ * it give up. */
 class UniqueFd {
 public:
     UniqueFd() = default;
@@ -42,6 +47,13 @@ private:
     int fd_ = -1;
 };
 
-} // namespace plat
+struct FreeDeleter {
+    void operator()(void *p) const noexcept { free(p); }
+};
+
+template <class T> using Malloced = std::unique_ptr<T, FreeDeleter>;
+using MallocBytes = Malloced<uint8_t[]>;
+
+} // namespace pellin
 
 #endif
