@@ -1,274 +1,200 @@
+/* syslog(3) with an ident of its own on every line, that never holds up
+ * the caller. A line is formatted at once and queued; one writer thread,
+ * the only caller of openlog and syslog(3) in the process, sends it. When
+ * the log reader stops reading, only the writer waits: a caller that finds
+ * the queue full gives the reader a moment, then drops its line and
+ * counts it, and for a while after a drop no caller waits. The count goes
+ * out as a line of its own before the next line that gets in. At exit the
+ * writer gets a moment to send what is queued. */
 #include "plat_syslog.h"
 
 #include <errno.h>
-#include <paths.h>
-#include <poll.h>
+#include <pthread.h>
+#include <stdarg.h>
+#include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <syslog.h>
 #include <time.h>
-#include <unistd.h>
 
-#include <memory>
+#include <array>
 
-#include "plat_syslog_sender.hpp"
-
-namespace plat {
 namespace {
 
-/* The log reader's side parses the stamp in the C locale. */
-constexpr const char *month_names[] = {"Jan", "Feb", "Mar", "Apr",
-                                       "May", "Jun", "Jul", "Aug",
-                                       "Sep", "Oct", "Nov", "Dec"};
+constexpr size_t queue_lines = 64;
+constexpr size_t ident_max = 48;
+constexpr size_t text_max = 2048; /* longer text is cut */
+constexpr long catch_up_ms = 250;
+constexpr long no_wait_after_drop_ms = 10000;
+constexpr long exit_grace_ms = 1000;
 
-constexpr size_t short_line_size = 2048;
-
-/* A reader busy with a burst gets this long to make room before a line is
- * dropped; after a drop no line waits for a while, so that a reader that
- * has stopped or crawls costs the sender nothing. */
-constexpr int catch_up_ms = 250;
-constexpr int64_t no_wait_after_drop_ms = 10000;
-
-int64_t now_ms()
-{
-    struct timespec now {};
-
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
-}
-
-/* errno as the caller left it, given back when the object goes. */
-class ErrnoKeeper {
-public:
-    ErrnoKeeper() : saved_(errno) {}
-    ~ErrnoKeeper() { errno = saved_; }
-    ErrnoKeeper(const ErrnoKeeper &) = delete;
-    ErrnoKeeper &operator=(const ErrnoKeeper &) = delete;
-    int saved() const { return saved_; }
-
-private:
-    int saved_;
+struct Line {
+    int priority;
+    char ident[ident_max];
+    char text[text_max];
 };
 
-/* One formatted line: on the stack, or on the heap when it is longer. */
-class Line {
+timespec realtime_in(long ms)
+{
+    timespec t{};
+
+    clock_gettime(CLOCK_REALTIME, &t);
+    t.tv_sec += ms / 1000 + (t.tv_nsec + (ms % 1000) * 1000000) / 1000000000;
+    t.tv_nsec = (t.tv_nsec + (ms % 1000) * 1000000) % 1000000000;
+    return t;
+}
+
+bool passed(const timespec &t)
+{
+    const timespec now = realtime_in(0);
+
+    return now.tv_sec != t.tv_sec ? now.tv_sec > t.tv_sec
+                                  : now.tv_nsec >= t.tv_nsec;
+}
+
+class Writer {
 public:
-    /* "<pri>Mmm dd hh:mm:ss ident[pid]: " and the message; %m reads
-     * `caller_errno`. */
-    Line(int pri, const char *ident, int caller_errno, const char *format,
-         va_list args) __attribute__((format(printf, 5, 0)))
+    void queue(int priority, const char *ident, const char *format,
+               va_list args) __attribute__((format(printf, 4, 0)))
     {
-        header_ = format_header(pri, ident);
-        if (header_ >= sizeof(short_)) {
-            header_ = sizeof(short_) - 1;
-            length_ = header_;
-            return;
-        }
-        va_list copy;
-        va_copy(copy, args);
+        const int caller_errno = errno;
+        Line line{priority, {}, {}};
+
+        snprintf(line.ident, sizeof(line.ident), "%s", ident);
+        errno = caller_errno; /* for %m */
+        vsnprintf(line.text, sizeof(line.text), format, args);
+        pthread_mutex_lock(&lock_);
+        if (started_ || start_locked())
+            queue_locked(line);
+        pthread_mutex_unlock(&lock_);
         errno = caller_errno;
-        int text = vsnprintf(short_ + header_, sizeof(short_) - header_,
-                             format, copy);
-        va_end(copy);
-        length_ = header_ + (text > 0 ? static_cast<size_t>(text) : 0);
-        if (length_ >= sizeof(short_))
-            format_long(caller_errno, format, args);
     }
 
-    const char *data() const { return long_ ? long_.get() : short_; }
-    size_t length() const { return length_; }
-
-private:
-    size_t format_header(int pri, const char *ident)
+    /* At exit: what is queued goes out unless the reader has stopped. */
+    void drain()
     {
-        const time_t now = time(nullptr);
-        struct tm local {};
-        int written;
+        const timespec until = realtime_in(exit_grace_ms);
 
-        if (localtime_r(&now, &local) == nullptr)
-            local = {};
-        written = snprintf(short_, sizeof(short_),
-                           "<%d>%s %2d %02d:%02d:%02d %s[%d]: ", pri,
-                           month_names[local.tm_mon % 12], local.tm_mday,
-                           local.tm_hour, local.tm_min, local.tm_sec,
-                           ident, static_cast<int>(getpid()));
-        return written > 0 ? static_cast<size_t>(written) : 0;
-    }
-
-    /* A line too long for the stack; cut to the stack's size when there
-     * is no memory for it. */
-    void format_long(int caller_errno, const char *format, va_list args)
-        __attribute__((format(printf, 3, 0)))
-    {
-        long_.reset(static_cast<char *>(malloc(length_ + 1)));
-        if (!long_) {
-            length_ = sizeof(short_) - 1;
-            return;
+        pthread_mutex_lock(&lock_);
+        while (count_ > 0 &&
+               pthread_cond_timedwait(&sent_, &lock_, &until) == 0) {
         }
-        memcpy(long_.get(), short_, header_);
-        errno = caller_errno;
-        vsnprintf(long_.get() + header_, length_ + 1 - header_, format,
-                  args);
+        pthread_mutex_unlock(&lock_);
     }
 
-    struct Free {
-        void operator()(char *bytes) const { free(bytes); }
-    };
-
-    char short_[short_line_size];
-    std::unique_ptr<char, Free> long_;
-    size_t header_ = 0;
-    size_t length_ = 0;
-};
-
-/* The sender's lock, held for the object's life. */
-class Hold {
-public:
-    explicit Hold(pthread_mutex_t *mutex) : mutex_(mutex)
+    /* A child of fork has no writer: it starts its own when it logs. */
+    void forget_in_child()
     {
-        pthread_mutex_lock(mutex_);
+        lock_ = PTHREAD_MUTEX_INITIALIZER;
+        queued_ = sent_ = PTHREAD_COND_INITIALIZER;
+        started_ = false;
+        count_ = dropped_ = 0;
     }
-    ~Hold() { pthread_mutex_unlock(mutex_); }
-    Hold(const Hold &) = delete;
-    Hold &operator=(const Hold &) = delete;
 
 private:
-    pthread_mutex_t *mutex_;
-};
+    bool start_locked()
+    {
+        pthread_t thread;
 
-} // namespace
-
-void SyslogSender::send(int severity, const char *ident, const char *format,
-                        va_list args)
-{
-    const ErrnoKeeper keeper;
-    const int pri = (severity & LOG_FACMASK) != 0 ? severity
-                                                  : severity | LOG_DAEMON;
-    if (ident == nullptr)
-        ident = program_invocation_short_name;
-    const Line line(pri, ident, keeper.saved(), format, args);
-    const Hold hold(&lock_);
-
-    if ((dropped_ > 0 && !report_dropped(pri, ident)) ||
-        send_line(line.data(), line.length()) == Sent::full) {
-        dropped_++;
-        waits_from_ms_ = now_ms() + no_wait_after_drop_ms;
-    }
-}
-
-uint64_t SyslogSender::dropped()
-{
-    const Hold hold(&lock_);
-
-    return dropped_;
-}
-
-void SyslogSender::disconnect()
-{
-    if (fd_ >= 0)
-        close(fd_);
-    fd_ = -1;
-}
-
-bool SyslogSender::report_dropped(int pri, const char *ident)
-{
-    if (!send_now((pri & LOG_FACMASK) | LOG_WARNING, ident,
-                  "syslog: %llu lines dropped while the log socket was full",
-                  static_cast<unsigned long long>(dropped_)))
-        return false;
-    dropped_ = 0;
-    return true;
-}
-
-bool SyslogSender::send_now(int pri, const char *ident, const char *format,
-                            ...)
-{
-    va_list args;
-
-    va_start(args, format);
-    const Line line(pri, ident, errno, format, args);
-    va_end(args);
-    return send_line(line.data(), line.length()) == Sent::delivered;
-}
-
-/* A connection that went away (the reader restarted) is opened again once,
- * as syslog(3) does. */
-SyslogSender::Sent SyslogSender::send_line(const char *line, size_t length)
-{
-    const bool was_connected = fd_ >= 0;
-    Sent sent = send_once(line, length);
-
-    if (sent == Sent::full && now_ms() >= waits_from_ms_ &&
-        reader_made_room())
-        sent = send_once(line, length);
-    if (sent == Sent::failed && was_connected) {
-        disconnect();
-        sent = send_once(line, length);
-    }
-    if (sent == Sent::failed)
-        disconnect();
-    return sent;
-}
-
-SyslogSender::Sent SyslogSender::send_once(const char *line, size_t length)
-{
-    if (fd_ < 0 && !connect_socket())
-        return Sent::failed;
-    /* A stream reader ends each record at a NUL; the line keeps one past
-     * its end. */
-    const size_t total = length + (stream_ ? 1 : 0);
-    const ssize_t sent =
-        ::send(fd_, line, total, MSG_DONTWAIT | MSG_NOSIGNAL);
-
-    if (sent < 0)
-        return errno == EAGAIN || errno == EWOULDBLOCK || errno == ENOBUFS
-                   ? Sent::full
-                   : Sent::failed;
-    /* A record cut short would run into the next one. */
-    if (static_cast<size_t>(sent) < total)
-        disconnect();
-    return Sent::delivered;
-}
-
-bool SyslogSender::reader_made_room()
-{
-    struct pollfd writable = {fd_, POLLOUT, 0};
-
-    return poll(&writable, 1, catch_up_ms) == 1 &&
-           (writable.revents & POLLOUT) != 0;
-}
-
-bool SyslogSender::connect_socket()
-{
-    struct sockaddr_un address {};
-
-    address.sun_family = AF_UNIX;
-    strncpy(address.sun_path, socket_path_, sizeof(address.sun_path) - 1);
-    for (;;) {
-        const int type = stream_ ? SOCK_STREAM : SOCK_DGRAM;
-
-        fd_ = socket(AF_UNIX, type | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-        if (fd_ < 0)
+        if (pthread_create(&thread, nullptr, run, this) != 0)
             return false;
-        if (connect(fd_, reinterpret_cast<const sockaddr *>(&address),
-                    sizeof(address)) == 0)
+        pthread_detach(thread);
+        if (!at_exit_set_) {
+            at_exit_set_ = true;
+            atexit(drain_at_exit);
+            pthread_atfork(nullptr, nullptr, forget_after_fork);
+        }
+        started_ = true;
+        return true;
+    }
+
+    bool room_locked(size_t lines)
+    {
+        if (queue_lines - count_ >= lines)
             return true;
-        const int error = errno;
-        disconnect();
-        if (error != EPROTOTYPE || stream_)
+        if (dropped_ > 0 && !passed(waits_again_))
             return false;
-        stream_ = true;
+        const timespec until = realtime_in(catch_up_ms);
+        while (queue_lines - count_ < lines &&
+               pthread_cond_timedwait(&sent_, &lock_, &until) == 0) {
+        }
+        return queue_lines - count_ >= lines;
     }
-}
 
-} // namespace plat
+    void queue_locked(const Line &line)
+    {
+        if (!room_locked(dropped_ > 0 ? 2 : 1)) {
+            dropped_++;
+            waits_again_ = realtime_in(no_wait_after_drop_ms);
+            return;
+        }
+        if (dropped_ > 0) {
+            Line &count = push_locked();
+            count.priority = (line.priority & LOG_FACMASK) | LOG_WARNING;
+            memcpy(count.ident, line.ident, sizeof(count.ident));
+            snprintf(count.text, sizeof(count.text),
+                     "syslog: %llu lines dropped while the log socket "
+                     "was full",
+                     static_cast<unsigned long long>(dropped_));
+            dropped_ = 0;
+        }
+        push_locked() = line;
+        pthread_cond_signal(&queued_);
+    }
 
-namespace {
+    Line &push_locked() { return lines_[(head_ + count_++) % queue_lines]; }
 
-constinit plat::SyslogSender dev_log(_PATH_LOG);
+    /* The front line stays queued while it is sent, so that no caller
+     * writes over it. */
+    void send_front()
+    {
+        const Line &line = lines_[head_];
+
+        memcpy(ident_, line.ident, sizeof(ident_));
+        openlog(ident_, LOG_PID, LOG_DAEMON);
+        syslog(line.priority, "%s", line.text);
+    }
+
+    static void *run(void *self)
+    {
+        auto *w = static_cast<Writer *>(self);
+
+        pthread_setname_np(pthread_self(), "plat_syslog");
+        pthread_mutex_lock(&w->lock_);
+        for (;;) {
+            while (w->count_ == 0)
+                pthread_cond_wait(&w->queued_, &w->lock_);
+            pthread_mutex_unlock(&w->lock_);
+            w->send_front();
+            pthread_mutex_lock(&w->lock_);
+            w->head_ = (w->head_ + 1) % queue_lines;
+            w->count_--;
+            pthread_cond_broadcast(&w->sent_);
+        }
+        return nullptr;
+    }
+
+    static void drain_at_exit();
+    static void forget_after_fork();
+
+    pthread_mutex_t lock_ = PTHREAD_MUTEX_INITIALIZER;
+    pthread_cond_t queued_ = PTHREAD_COND_INITIALIZER;
+    pthread_cond_t sent_ = PTHREAD_COND_INITIALIZER;
+    std::array<Line, queue_lines> lines_{};
+    size_t head_ = 0;
+    size_t count_ = 0;
+    uint64_t dropped_ = 0;
+    timespec waits_again_{}; /* after a drop, no caller waits before */
+    bool started_ = false;
+    bool at_exit_set_ = false;
+    char ident_[ident_max] = {0}; /* openlog keeps this pointer */
+};
+
+constinit Writer writer;
+
+void Writer::drain_at_exit() { writer.drain(); }
+void Writer::forget_after_fork() { writer.forget_in_child(); }
 
 } // namespace
 
@@ -279,6 +205,8 @@ void plat_syslog(int severity, const char *ident, int option,
 
     (void)option;
     va_start(args, format);
-    dev_log.send(severity, ident, format, args);
+    writer.queue(severity,
+                 ident != nullptr ? ident : program_invocation_short_name,
+                 format, args);
     va_end(args);
 }

@@ -1,23 +1,21 @@
-/* The syslog sender: lines as syslog(3) writes them, sent to a log socket
- * that may stop reading without the sender ever waiting for it. A datagram
- * socket of the test stands in for the log reader. */
+/* plat_syslog: lines as syslog(3) sends them to /dev/log, sent by a writer
+ * thread so that a log reader that stops reading never holds up the
+ * caller. Each case runs in a mount namespace of its own, where a tmpfs
+ * over /dev holds the test's datagram socket at /dev/log. */
 #include <errno.h>
 #include <poll.h>
 #include <sched.h>
-#include <stdarg.h>
 #include <stdio.h>
-#include <stdlib.h>
 #include <string.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <syslog.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <chrono>
 #include <optional>
 #include <string>
 #include <thread>
@@ -25,100 +23,105 @@
 
 #include <gtest/gtest.h>
 
+#include "owned.hpp"
 #include "plat_syslog.h"
-#include "plat_syslog_sender.hpp"
 
 namespace {
 
-constexpr int wait_ms = 2000;
+using pellin::UniqueFd;
 
-/* A socket bound at a path, closed and removed with the object. */
+constexpr int wait_ms = 2000;
+constexpr const char *dropped_text =
+    " lines dropped while the log socket was full";
+
+/* What a datagram of syslog(3) carries. */
+struct Record {
+    int priority = -1;
+    std::string ident;
+    int pid = 0;
+    std::string text;
+};
+
+/* "<pri>Mmm dd hh:mm:ss ident[pid]: text" */
+std::optional<Record> parse(const std::string &line)
+{
+    Record r;
+    const size_t stamp_end = line.find('>') + 1 + 16;
+    const size_t open = line.find('[', stamp_end);
+    const size_t close = line.find("]: ", open);
+
+    if (line.empty() || line[0] != '<' || open == std::string::npos ||
+        close == std::string::npos)
+        return std::nullopt;
+    r.priority = std::stoi(line.substr(1));
+    r.ident = line.substr(stamp_end, open - stamp_end);
+    r.pid = std::stoi(line.substr(open + 1));
+    r.text = line.substr(close + 3);
+    return r;
+}
+
+/* The test's socket at /dev/log, removed with the object. */
 class Reader {
 public:
-    explicit Reader(std::string path, int type = SOCK_DGRAM)
-        : path_(std::move(path))
+    Reader() { open(); }
+    ~Reader() { unlink("/dev/log"); }
+
+    bool ready() const { return fd_.valid(); }
+
+    void open()
     {
-        struct sockaddr_un address {};
+        sockaddr_un address{};
 
         address.sun_family = AF_UNIX;
-        snprintf(address.sun_path, sizeof(address.sun_path), "%s",
-                 path_.c_str());
-        unlink(path_.c_str());
-        fd_ = socket(AF_UNIX, type | SOCK_CLOEXEC, 0);
-        if (fd_ >= 0 &&
-            bind(fd_, reinterpret_cast<const sockaddr *>(&address),
-                 sizeof(address)) != 0) {
-            close(fd_);
-            fd_ = -1;
-        }
-        if (fd_ >= 0 && type == SOCK_STREAM && listen(fd_, 4) != 0) {
-            close(fd_);
-            fd_ = -1;
-        }
+        strcpy(address.sun_path, "/dev/log");
+        unlink(address.sun_path);
+        fd_.reset(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+        if (fd_.valid() &&
+            bind(fd_.get(), reinterpret_cast<const sockaddr *>(&address),
+                 sizeof(address)) != 0)
+            fd_.reset();
     }
-    ~Reader()
-    {
-        if (fd_ >= 0)
-            close(fd_);
-        unlink(path_.c_str());
-    }
-    Reader(const Reader &) = delete;
-    Reader &operator=(const Reader &) = delete;
 
-    int fd() const { return fd_; }
+    void close()
+    {
+        fd_.reset();
+        unlink("/dev/log");
+    }
 
     /* The next datagram, or nothing within `timeout_ms`. */
     std::optional<std::string> next(int timeout_ms = wait_ms) const
     {
-        return receive_from(fd_, timeout_ms);
-    }
-
-    /* Every datagram waiting now. */
-    std::vector<std::string> drain() const
-    {
-        std::vector<std::string> lines;
-
-        while (std::optional<std::string> line = next(0))
-            lines.push_back(*line);
-        return lines;
-    }
-
-    static std::optional<std::string> receive_from(int fd, int timeout_ms)
-    {
-        struct pollfd waiting = {fd, POLLIN, 0};
+        pollfd waiting = {fd_.get(), POLLIN, 0};
         std::vector<char> bytes(1 << 16);
 
         if (poll(&waiting, 1, timeout_ms) != 1)
             return std::nullopt;
-        const ssize_t got = recv(fd, bytes.data(), bytes.size(), 0);
+        const ssize_t got = recv(fd_.get(), bytes.data(), bytes.size(), 0);
         if (got < 0)
             return std::nullopt;
         return std::string(bytes.data(), static_cast<size_t>(got));
     }
 
+    std::optional<Record> next_record(int timeout_ms = wait_ms) const
+    {
+        const std::optional<std::string> line = next(timeout_ms);
+
+        return line ? parse(*line) : std::nullopt;
+    }
+
+    /* The texts of every record that comes until none does for 300 ms. */
+    std::vector<std::string> drain() const
+    {
+        std::vector<std::string> texts;
+
+        while (std::optional<Record> r = next_record(300))
+            texts.push_back(r->text);
+        return texts;
+    }
+
 private:
-    std::string path_;
-    int fd_ = -1;
+    UniqueFd fd_;
 };
-
-/* A socket path of the test's own. */
-std::string socket_path(const char *name)
-{
-    return "/tmp/plat_syslog_test." + std::to_string(getpid()) + "." + name;
-}
-
-void send(plat::SyslogSender &sender, int severity, const char *ident,
-          const char *format, ...) __attribute__((format(printf, 4, 5)));
-
-void send(plat::SyslogSender &sender, int severity, const char *ident,
-          const char *format, ...)
-{
-    va_list args;
-
-    va_start(args, format);
-    sender.send(severity, ident, format, args);
-    va_end(args);
-}
 
 /* "<pri>Mmm dd hh:mm:ss " of this second, as syslog(3) writes it. */
 std::string header_now(int pri)
@@ -132,263 +135,41 @@ std::string header_now(int pri)
     return "<" + std::to_string(pri) + ">" + stamp;
 }
 
-/* The line `sender` sends for `text`, with the header of the second it was
- * sent in (tried again when the second turned meanwhile). */
-void expect_line(plat::SyslogSender &sender, const Reader &reader,
-                 int severity, const char *ident, const char *text,
-                 const std::string &expected_text)
-{
-    for (int attempt = 0; attempt < 3; attempt++) {
-        const std::string before = header_now(0);
-        send(sender, severity, ident, "%s", text);
-        const std::optional<std::string> line = reader.next();
-        ASSERT_TRUE(line.has_value());
-        if (header_now(0) != before)
-            continue;
-        EXPECT_EQ(*line, header_now(severity | LOG_DAEMON) + ident + "[" +
-                             std::to_string(getpid()) + "]: " +
-                             expected_text);
-        return;
-    }
-    FAIL() << "the clock turned on every attempt";
-}
-
-/* Sends lines until the reader's queue is full and `count` more were
- * dropped; returns the number sent. */
-int fill_and_drop(plat::SyslogSender &sender, uint64_t count)
-{
-    int sent = 0;
-
-    while (sender.dropped() < count && sent < 100000)
-        send(sender, LOG_INFO, "filler", "line %d", sent++);
-    return sent;
-}
-
-TEST(SyslogSender, LineHasTheFormOfSyslog3)
-{
-    const std::string path = socket_path("form");
-    Reader reader(path);
-    ASSERT_GE(reader.fd(), 0) << strerror(errno);
-    plat::SyslogSender sender(path.c_str());
-
-    expect_line(sender, reader, LOG_ERR, "Pellin Manager",
-                "Informational - Found 2 traffic pipes",
-                "Informational - Found 2 traffic pipes");
-    expect_line(sender, reader, LOG_CRIT, "larks-hollow-fpga",
-                "Error initializing IPC for Pellin Manager\n",
-                "Error initializing IPC for Pellin Manager\n");
-}
-
-TEST(SyslogSender, ReaderThatStopsLosesLinesButNeverHoldsTheSender)
-{
-    const std::string path = socket_path("stopped");
-    Reader reader(path);
-    ASSERT_GE(reader.fd(), 0) << strerror(errno);
-    plat::SyslogSender sender(path.c_str());
-
-    const int sent = fill_and_drop(sender, 50);
-    ASSERT_EQ(sender.dropped(), 50u);
-    const std::vector<std::string> queued = reader.drain();
-    EXPECT_EQ(queued.size() + 50, static_cast<size_t>(sent));
-    ASSERT_FALSE(queued.empty());
-    EXPECT_NE(queued.back().find("]: line " +
-                                 std::to_string(queued.size() - 1)),
-              std::string::npos)
-        << queued.back();
-
-    send(sender, LOG_INFO, "Pellin Manager", "after");
-    const std::optional<std::string> report = reader.next();
-    ASSERT_TRUE(report.has_value());
-    const std::string tail =
-        "]: syslog: 50 lines dropped while the log socket was full";
-    EXPECT_EQ(report->substr(0, 4), "<28>");
-    EXPECT_EQ(report->substr(report->size() - tail.size()), tail);
-    EXPECT_NE(report->find(" Pellin Manager["), std::string::npos);
-    const std::optional<std::string> after = reader.next();
-    ASSERT_TRUE(after.has_value());
-    EXPECT_EQ(after->substr(after->size() - 8), "]: after");
-    EXPECT_EQ(sender.dropped(), 0u);
-}
-
-TEST(SyslogSender, BurstToABusyReaderIsNotLost)
-{
-    const std::string path = socket_path("burst");
-    Reader reader(path);
-    ASSERT_GE(reader.fd(), 0) << strerror(errno);
-    plat::SyslogSender sender(path.c_str());
-    std::vector<std::string> received;
-    std::thread busy([&] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        while (received.size() < 100)
-            if (std::optional<std::string> line = reader.next())
-                received.push_back(*line);
-            else
-                break;
-    });
-
-    for (int i = 0; i < 100; i++)
-        send(sender, LOG_INFO, "ident", "burst %d", i);
-    busy.join();
-    EXPECT_EQ(sender.dropped(), 0u);
-    ASSERT_EQ(received.size(), 100u);
-    EXPECT_NE(received.back().find("]: burst 99"), std::string::npos);
-}
-
-TEST(SyslogSender, BurstSoonAfterADropDoesNotWaitForTheReader)
-{
-    const std::string path = socket_path("soon");
-    Reader reader(path);
-    ASSERT_GE(reader.fd(), 0) << strerror(errno);
-    plat::SyslogSender sender(path.c_str());
-
-    fill_and_drop(sender, 1);
-    reader.drain();
-    send(sender, LOG_INFO, "ident", "delivered again");
-    ASSERT_EQ(reader.drain().size(), 2u);
-    std::atomic<bool> sending{true};
-    std::thread busy([&] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        while (sending)
-            reader.drain();
-    });
-    for (int i = 0; i < 100; i++)
-        send(sender, LOG_INFO, "ident", "burst %d", i);
-    sending = false;
-    busy.join();
-    EXPECT_GT(sender.dropped(), 0u);
-}
-
-TEST(SyslogSender, CountIsReportedOnce)
-{
-    const std::string path = socket_path("once");
-    Reader reader(path);
-    ASSERT_GE(reader.fd(), 0) << strerror(errno);
-    plat::SyslogSender sender(path.c_str());
-
-    fill_and_drop(sender, 3);
-    reader.drain();
-    send(sender, LOG_INFO, "ident", "first");
-    send(sender, LOG_INFO, "ident", "second");
-    const std::vector<std::string> lines = reader.drain();
-    ASSERT_EQ(lines.size(), 3u);
-    EXPECT_NE(lines[0].find("]: syslog: 3 lines dropped"), std::string::npos)
-        << lines[0];
-    EXPECT_NE(lines[1].find("]: first"), std::string::npos) << lines[1];
-    EXPECT_NE(lines[2].find("]: second"), std::string::npos) << lines[2];
-}
-
-TEST(SyslogSender, LineWhileStillFullIsCountedToo)
-{
-    const std::string path = socket_path("still");
-    Reader reader(path);
-    ASSERT_GE(reader.fd(), 0) << strerror(errno);
-    plat::SyslogSender sender(path.c_str());
-
-    fill_and_drop(sender, 1);
-    send(sender, LOG_INFO, "ident", "still full");
-    EXPECT_EQ(sender.dropped(), 2u);
-}
-
-TEST(SyslogSender, ReaderThatRestartsGetsTheNextLine)
-{
-    const std::string path = socket_path("restart");
-    plat::SyslogSender sender(path.c_str());
+class PlatSyslog : public ::testing::Test {
+protected:
+    void SetUp() override
     {
-        Reader first(path);
-        ASSERT_GE(first.fd(), 0) << strerror(errno);
-        send(sender, LOG_INFO, "ident", "to the first");
-        ASSERT_TRUE(first.next().has_value());
+        if (unshare(CLONE_NEWNS) != 0 ||
+            mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+            mount("tmpfs", "/dev", "tmpfs", 0, "mode=0755") != 0)
+            GTEST_SKIP() << "no mount namespace here (needs root): "
+                         << strerror(errno);
+        reader_.open();
+        ASSERT_TRUE(reader_.ready()) << strerror(errno);
     }
-    Reader second(path);
-    ASSERT_GE(second.fd(), 0) << strerror(errno);
-    send(sender, LOG_INFO, "ident", "to the second");
-    const std::optional<std::string> line = second.next();
-    ASSERT_TRUE(line.has_value());
-    EXPECT_NE(line->find("]: to the second"), std::string::npos) << *line;
-    EXPECT_EQ(sender.dropped(), 0u);
-}
 
-TEST(SyslogSender, NoReaderIsNoDrop)
+    /* Lines "line 0" ... sent while the reader does not read; the number
+     * sent. */
+    int fill_and_drop(int lines)
+    {
+        for (int i = 0; i < lines; i++)
+            plat_syslog(LOG_INFO, "filler", 0, "line %d", i);
+        return lines;
+    }
+
+    Reader reader_;
+};
+
+TEST_F(PlatSyslog, SendsWhatSyslog3SendsToDevLog)
 {
-    const std::string path = socket_path("none");
-    plat::SyslogSender sender(path.c_str());
-
-    send(sender, LOG_INFO, "ident", "nobody listens");
-    EXPECT_EQ(sender.dropped(), 0u);
-    Reader reader(path);
-    ASSERT_GE(reader.fd(), 0) << strerror(errno);
-    send(sender, LOG_INFO, "ident", "now someone does");
-    const std::optional<std::string> line = reader.next();
-    ASSERT_TRUE(line.has_value());
-    EXPECT_NE(line->find("]: now someone does"), std::string::npos) << *line;
-}
-
-TEST(SyslogSender, LongLineGoesWhole)
-{
-    const std::string path = socket_path("long");
-    Reader reader(path);
-    ASSERT_GE(reader.fd(), 0) << strerror(errno);
-    plat::SyslogSender sender(path.c_str());
-    const std::string text(5000, 'x');
-
-    expect_line(sender, reader, LOG_INFO, "ident", text.c_str(), text);
-}
-
-TEST(SyslogSender, ErrnoIsTheCallersForPercentMAndKept)
-{
-    const std::string path = socket_path("errno");
-    Reader reader(path);
-    ASSERT_GE(reader.fd(), 0) << strerror(errno);
-    plat::SyslogSender sender(path.c_str());
-
-    errno = ENOENT;
-    send(sender, LOG_INFO, "ident", "open: %m");
-    EXPECT_EQ(errno, ENOENT);
-    const std::optional<std::string> line = reader.next();
-    ASSERT_TRUE(line.has_value());
-    EXPECT_NE(line->find("]: open: No such file or directory"),
-              std::string::npos)
-        << *line;
-}
-
-TEST(SyslogSender, StreamReaderGetsRecordsEndedByNul)
-{
-    const std::string path = socket_path("stream");
-    Reader reader(path, SOCK_STREAM);
-    ASSERT_GE(reader.fd(), 0) << strerror(errno);
-    plat::SyslogSender sender(path.c_str());
-
-    send(sender, LOG_INFO, "ident", "over a stream");
-    const int accepted = accept4(reader.fd(), nullptr, nullptr, SOCK_CLOEXEC);
-    ASSERT_GE(accepted, 0) << strerror(errno);
-    const std::optional<std::string> bytes =
-        Reader::receive_from(accepted, wait_ms);
-    close(accepted);
-    ASSERT_TRUE(bytes.has_value());
-    EXPECT_EQ(bytes->back(), '\0');
-    EXPECT_NE(bytes->find("]: over a stream"), std::string::npos);
-}
-
-/* plat_syslog itself sends to /dev/log: in a mount namespace of its own,
- * a tmpfs over /dev holds the test's socket there, and syslog(3) with the
- * daemon's options sends the same bytes. */
-TEST(PlatSyslog, SendsWhatSyslog3SendsToDevLog)
-{
-    if (unshare(CLONE_NEWNS) != 0 ||
-        mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-        mount("tmpfs", "/dev", "tmpfs", 0, "mode=0755") != 0)
-        GTEST_SKIP() << "no mount namespace here: " << strerror(errno);
-    Reader reader("/dev/log");
-    ASSERT_GE(reader.fd(), 0) << strerror(errno);
-
     for (int attempt = 0; attempt < 3; attempt++) {
         const std::string before = header_now(0);
         plat_syslog(LOG_ERR, "Pellin Manager", 0, "%s: pipe %d", "Error", 3);
+        const std::optional<std::string> ours = reader_.next();
         openlog("Pellin Manager", LOG_PID, LOG_DAEMON);
         syslog(LOG_ERR, "%s: pipe %d", "Error", 3);
         closelog();
-        const std::optional<std::string> ours = reader.next();
-        const std::optional<std::string> theirs = reader.next();
+        const std::optional<std::string> theirs = reader_.next();
         ASSERT_TRUE(ours.has_value());
         ASSERT_TRUE(theirs.has_value());
         if (header_now(0) != before)
@@ -400,6 +181,163 @@ TEST(PlatSyslog, SendsWhatSyslog3SendsToDevLog)
         return;
     }
     FAIL() << "the clock turned on every attempt";
+}
+
+TEST_F(PlatSyslog, ReaderThatStopsLosesLinesButNeverHoldsTheCaller)
+{
+    /* A caller held by the reader would never get here. */
+    const int sent = fill_and_drop(2000);
+
+    const std::vector<std::string> delivered = reader_.drain();
+    ASSERT_LT(delivered.size(), static_cast<size_t>(sent));
+    for (size_t i = 0; i < delivered.size(); i++)
+        ASSERT_EQ(delivered[i], "line " + std::to_string(i));
+
+    plat_syslog(LOG_ERR, "Pellin Manager", 0, "after");
+    const std::optional<Record> count = reader_.next_record();
+    ASSERT_TRUE(count.has_value());
+    EXPECT_EQ(count->priority, LOG_WARNING | LOG_DAEMON);
+    EXPECT_EQ(count->ident, "Pellin Manager");
+    EXPECT_EQ(count->text,
+              "syslog: " + std::to_string(sent - delivered.size()) +
+                  dropped_text);
+    const std::optional<Record> after = reader_.next_record();
+    ASSERT_TRUE(after.has_value());
+    EXPECT_EQ(after->priority, LOG_ERR | LOG_DAEMON);
+    EXPECT_EQ(after->text, "after");
+}
+
+TEST_F(PlatSyslog, CountIsReportedOnce)
+{
+    fill_and_drop(2000);
+    reader_.drain();
+
+    plat_syslog(LOG_INFO, "x", 0, "first");
+    plat_syslog(LOG_INFO, "x", 0, "second");
+    const std::vector<std::string> texts = reader_.drain();
+    ASSERT_EQ(texts.size(), 3u);
+    EXPECT_NE(texts[0].find(dropped_text), std::string::npos) << texts[0];
+    EXPECT_EQ(texts[1], "first");
+    EXPECT_EQ(texts[2], "second");
+}
+
+/* A reader that is only busy gets a moment to catch up: a burst larger
+ * than the queue arrives whole. */
+TEST_F(PlatSyslog, BurstToABusyReaderIsNotLost)
+{
+    std::atomic<bool> done{false};
+    std::vector<std::string> texts;
+    std::thread reading([&] {
+        while (std::optional<Record> r = reader_.next_record(done ? 300 : 2000)) {
+            texts.push_back(r->text);
+            usleep(200);
+        }
+    });
+
+    for (int i = 0; i < 500; i++)
+        plat_syslog(LOG_INFO, "burst", 0, "line %d", i);
+    done = true;
+    reading.join();
+    ASSERT_EQ(texts.size(), 500u);
+    for (size_t i = 0; i < texts.size(); i++)
+        EXPECT_EQ(texts[i], "line " + std::to_string(i));
+}
+
+TEST_F(PlatSyslog, ReaderThatRestartsGetsTheNextLine)
+{
+    plat_syslog(LOG_INFO, "x", 0, "before");
+    ASSERT_EQ(reader_.drain(), std::vector<std::string>{"before"});
+
+    reader_.close();
+    reader_.open();
+    plat_syslog(LOG_INFO, "x", 0, "after the restart");
+    const std::optional<Record> r = reader_.next_record();
+    ASSERT_TRUE(r.has_value());
+    EXPECT_EQ(r->text, "after the restart");
+}
+
+TEST_F(PlatSyslog, ErrnoIsTheCallersForPercentMAndKept)
+{
+    errno = ENOENT;
+    plat_syslog(LOG_ERR, "x", 0, "open: %m");
+    EXPECT_EQ(errno, ENOENT);
+    const std::optional<Record> r = reader_.next_record();
+    ASSERT_TRUE(r.has_value());
+    EXPECT_EQ(r->text, std::string("open: ") + strerror(ENOENT));
+}
+
+TEST_F(PlatSyslog, TwoThreadsKeepTheirIdents)
+{
+    auto log_as = [](const char *ident) {
+        for (int i = 0; i < 20; i++)
+            plat_syslog(LOG_INFO, ident, 0, "%s %d", ident, i);
+    };
+    std::thread daemon(log_as, "Pellin Manager");
+    std::thread library(log_as, "larks-hollow-fpga");
+    int seen = 0;
+
+    daemon.join();
+    library.join();
+    while (std::optional<Record> r = reader_.next_record(300)) {
+        EXPECT_EQ(r->text.rfind(r->ident + " ", 0), 0u) << r->text;
+        EXPECT_EQ(r->pid, getpid());
+        seen++;
+    }
+    EXPECT_EQ(seen, 40);
+}
+
+TEST_F(PlatSyslog, LongTextIsCutAt2047Bytes)
+{
+    plat_syslog(LOG_INFO, "x", 0, "%s", std::string(3000, 'a').c_str());
+    const std::optional<Record> r = reader_.next_record();
+    ASSERT_TRUE(r.has_value());
+    EXPECT_EQ(r->text, std::string(2047, 'a'));
+}
+
+/* What was queued when the process exits still goes out. */
+TEST_F(PlatSyslog, QueuedLinesGoOutAtExit)
+{
+    const pid_t child = fork();
+    ASSERT_GE(child, 0) << strerror(errno);
+    if (child == 0) {
+        for (int i = 0; i < 30; i++)
+            plat_syslog(LOG_INFO, "child", 0, "line %d", i);
+        exit(0);
+    }
+    int status = 0;
+    std::vector<std::string> texts;
+    while (std::optional<Record> r = reader_.next_record()) {
+        texts.push_back(r->text);
+        if (texts.size() == 30)
+            break;
+    }
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    ASSERT_EQ(texts.size(), 30u);
+    EXPECT_EQ(texts.back(), "line 29");
+}
+
+/* A child of fork has no writer thread of its parent's: it starts one. */
+TEST_F(PlatSyslog, ChildOfForkLogsToo)
+{
+#ifdef __SANITIZE_THREAD__
+    GTEST_SKIP() << "ThreadSanitizer starts no thread in the child of a "
+                    "process with threads";
+#endif
+    plat_syslog(LOG_INFO, "parent", 0, "before the fork");
+    ASSERT_EQ(reader_.drain(), std::vector<std::string>{"before the fork"});
+
+    const pid_t child = fork();
+    ASSERT_GE(child, 0) << strerror(errno);
+    if (child == 0) {
+        plat_syslog(LOG_INFO, "child", 0, "from the child");
+        exit(0);
+    }
+    const std::optional<Record> r = reader_.next_record();
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    ASSERT_TRUE(r.has_value());
+    EXPECT_EQ(r->text, "from the child");
+    EXPECT_EQ(r->pid, child);
 }
 
 } // namespace
