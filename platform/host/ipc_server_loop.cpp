@@ -46,15 +46,6 @@ size_t connections_allowed()
                                            : kReservedFds;
 }
 
-/* Milliseconds from `from` until t, for a poll timeout: -1 for never. */
-int ms_until(Clock::time_point t, Clock::time_point from = now())
-{
-    if (t == Clock::time_point::max())
-        return -1;
-    auto left = std::chrono::ceil<std::chrono::milliseconds>(t - from);
-    return static_cast<int>(std::clamp<int64_t>(left.count(), 0, INT_MAX));
-}
-
 int min_timeout(int a, int b)
 {
     if (a < 0)
@@ -433,10 +424,10 @@ void Server::tidy_up()
 
 int Server::poll_timeout(int left_ms) const
 {
-    int ms = min_timeout(left_ms, ms_until(next_expiry_));
+    int ms = min_timeout(left_ms, ms_until(next_expiry_, now()));
 
-    ms = min_timeout(ms, ms_until(reports_.next_flush()));
-    return min_timeout(ms, ms_until(accept_resume_));
+    ms = min_timeout(ms, ms_until(reports_.next_flush(), now()));
+    return min_timeout(ms, ms_until(accept_resume_, now()));
 }
 
 /* Drops the lock while waiting. Another thread's ipc_send may close a
@@ -491,9 +482,7 @@ bool Server::take_ready(ipc_msg_t *msg)
 int Server::receive_locked(ipc_msg_t *msg, int timeout_ms)
 {
     /* The caller's time is real time, whatever clock deadlines use. */
-    Clock::time_point deadline =
-        timeout_ms < 0 ? Clock::time_point::max()
-                       : Clock::now() + std::chrono::milliseconds(timeout_ms);
+    Clock::time_point deadline = deadline_after(timeout_ms);
     bool polled = false;
 
     if (!endpoint_.listener.valid())

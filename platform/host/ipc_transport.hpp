@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
+#include <climits>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -162,6 +163,24 @@ class FrameReader
     size_t payload_have_ = 0;
     int error_ = 0;
 };
+
+/* A caller's timeout in milliseconds (-1: none) from now, in real time. */
+inline Clock::time_point deadline_after(int timeout_ms)
+{
+    using std::chrono::milliseconds;
+
+    return timeout_ms < 0 ? Clock::time_point::max()
+                          : Clock::now() + milliseconds(timeout_ms);
+}
+
+/* Milliseconds from `from` until t, for a poll timeout: -1 for never. */
+inline int ms_until(Clock::time_point t, Clock::time_point from)
+{
+    if (t == Clock::time_point::max())
+        return -1;
+    auto left = std::chrono::ceil<std::chrono::milliseconds>(t - from);
+    return static_cast<int>(std::clamp<int64_t>(left.count(), 0, INT_MAX));
+}
 
 /* Bytes read from a non-blocking socket: 0 when none are waiting,
  * -ECONNRESET at end of stream. */

@@ -16,6 +16,7 @@
 #include "plat_syslog.h"
 
 using plat::ipc::Clock;
+using plat::ipc::ms_until;
 using plat::ipc::FrameReader;
 using plat::ipc::Server;
 using plat::ipc::UniqueFd;
@@ -128,16 +129,6 @@ int wait_readable(int fd, int timeout_ms)
         if (errno != EINTR)
             return -errno;
     }
-}
-
-/* -1 for no deadline, else the milliseconds left, 0 when passed. */
-int remaining_ms(Clock::time_point deadline)
-{
-    if (deadline == Clock::time_point::max())
-        return -1;
-    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-        deadline - Clock::now());
-    return static_cast<int>(std::clamp<int64_t>(left.count(), 0, INT32_MAX));
 }
 
 } // namespace
@@ -284,9 +275,7 @@ int ipc_client_send(ipc_client *c, const ipc_msg_t *msg)
 
 int ipc_client_recv(ipc_client *c, ipc_msg_t *msg, int timeout_ms)
 {
-    Clock::time_point deadline =
-        timeout_ms < 0 ? Clock::time_point::max()
-                       : Clock::now() + std::chrono::milliseconds(timeout_ms);
+    Clock::time_point deadline = plat::ipc::deadline_after(timeout_ms);
 
     if (c == nullptr || msg == nullptr)
         return -EINVAL;
@@ -301,7 +290,7 @@ int ipc_client_recv(ipc_client *c, ipc_msg_t *msg, int timeout_ms)
             return 0;
         }
         if (rc == 0)
-            rc = wait_readable(c->fd.get(), remaining_ms(deadline));
+            rc = wait_readable(c->fd.get(), ms_until(deadline, Clock::now()));
         if (rc < 0)
             return rc;
     }
