@@ -9,6 +9,7 @@
 
 #include "dispatcher.hpp"
 #include "plat_ipc.h"
+#include "plat_notify.h"
 #include "plm_log.hpp"
 #include "thread_monitor.hpp"
 
@@ -167,6 +168,7 @@ void *plm_ipc_server_thread(void *arg)
         plm_log(LOG_CRIT, "Error initializing IPC for %s\n", PLM_LOG_IDENT);
         return NULL;
     }
+    plat_notify_ready();
     serve_requests();
     return NULL;
 }

@@ -8,6 +8,7 @@
 #include "ipc_server.hpp"
 #include "lh_fpga.h"
 #include "plat_board.h"
+#include "plat_notify.h"
 #include "plm_log.hpp"
 #include "qos_defaults.hpp"
 #include "sys_poll.hpp"
@@ -92,12 +93,14 @@ static void enable_pipes(void)
     }
 }
 
-/* Returns only when a monitored thread has ended. */
+/* Returns only when a monitored thread has ended. Each round tells the
+ * service manager's watchdog that the loop still runs. */
 static void supervise(void)
 {
     for (;;) {
         plm_thread_monitor_entry *ended;
 
+        plat_notify_alive();
         sleep(PLM_SUPERVISION_PERIOD_S);
         ended = plm_thread_monitor_find_ended();
         if (ended != NULL) {
