@@ -16,7 +16,7 @@ stage=$out/src
 # arguments are tar's further options.
 project_files() {
     if git -C "$source" rev-parse --is-inside-work-tree >/dev/null 2>&1; then
-        git -C "$source" ls-files -z --cached --others --exclude-standard |
+        git -C "$source" ls-files -z --cached --others --exclude-standard | sort -z |
             (cd "$source" && xargs -0 sh -c 'for f; do [ -e "$f" ] && printf "%s\0" "$f"; done' sh) |
             tar -C "$source" --null --no-recursion -T - -cf - "$@"
     else
