@@ -40,8 +40,8 @@ check() { # what, then the command
 }
 
 # The root has a shell and the libraries it needs, so that dpkg can run
-# the maintainer scripts inside it; systemd's helpers are not there, and
-# the scripts leave the host's systemd alone.
+# the maintainer scripts inside it; systemd's tools (deb-systemd-helper)
+# are not there, and the scripts leave the host's systemd alone.
 shell=$(readlink -f /bin/sh)
 for file in "$shell" $(ldd "$shell" | grep -o '/[^ ]*'); do
     mkdir -p "$root$(dirname "$file")"
