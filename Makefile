@@ -4,7 +4,7 @@ BUILD ?= build
 JOBS ?= $(shell nproc)
 CMAKE_TYPE ?= RelWithDebInfo
 
-.PHONY: all bootstrap build quiet-build run test test-asan test-tsan fuzz bench clean
+.PHONY: all bootstrap build quiet-build run test test-asan test-tsan fuzz bench deb clean
 
 all: build
 
@@ -64,5 +64,10 @@ bench: build
 	$(BUILD)/bench/bench_poll_cycle $$accesses
 	@$(BUILD)/bench/bench_ipc
 
+# The Debian package, built by dpkg-buildpackage from a copy of the tree in
+# $(BUILD)-deb/src and checked by lintian; the .deb lands in $(BUILD)-deb/.
+deb: bootstrap
+	JOBS=$(JOBS) packaging/build_deb.sh . $(BUILD)-deb --lintian
+
 clean:
-	rm -rf $(BUILD) $(BUILD)-asan $(BUILD)-tsan $(BUILD)-fuzz
+	rm -rf $(BUILD) $(BUILD)-asan $(BUILD)-tsan $(BUILD)-fuzz $(BUILD)-deb
