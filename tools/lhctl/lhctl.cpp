@@ -79,7 +79,8 @@ bool on_terminal()
 {
     const char *term = getenv("TERM");
 
-    return isatty(STDOUT_FILENO) && (term == nullptr || strcmp(term, "dumb") != 0);
+    return isatty(STDOUT_FILENO) &&
+           (term == nullptr || strcmp(term, "dumb") != 0);
 }
 
 /* Draws until Ctrl-C; nothing is left to print after it. */

@@ -135,7 +135,8 @@ struct Snapshot {
     std::vector<Counters> stats; /* per module entry, empty for none */
 };
 
-/* requests.cpp: every request made before anything is printed. */
+/* requests.cpp: the module list, the pipe states and the counters of
+ * every module instance that has some. */
 Snapshot take_snapshot(Client &c);
 
 std::string modules_json(const Modules &modules);

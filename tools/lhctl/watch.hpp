@@ -35,7 +35,7 @@ struct WatchSample {
 struct WatchView {
     double interval_s = kDefaultIntervalS;
     std::optional<WatchTarget> target;
-    bool terminal = false; /* escape codes: redraw in place, FAILED in reverse */
+    bool terminal = false; /* escape codes: redrawn in place, FAILED reversed */
     int rows = 0;          /* terminal lines the frame may fill; 0: any */
 };
 

@@ -47,9 +47,10 @@ std::string title(const WatchView &view, const WatchSample &now)
         return text;
     auto failed = std::ranges::count_if(s.modules, &Module::failed);
     auto up = std::ranges::count_if(s.pipes, &Pipe::up);
-    return text + format("  modules: %zu OK, %zu FAILED  pipes: %zu up, %zu down",
-                         s.modules.size() - failed, static_cast<size_t>(failed),
-                         static_cast<size_t>(up), s.pipes.size() - up);
+    return text +
+           format("  modules: %zu OK, %zu FAILED  pipes: %zu up, %zu down",
+                  s.modules.size() - failed, static_cast<size_t>(failed),
+                  static_cast<size_t>(up), s.pipes.size() - up);
 }
 
 /* Every pipe a module or a link state names, in order. */
