@@ -4,15 +4,21 @@
  *
  * One table of commands; CLI11 reads the command line from it, and every
  * command and subcommand takes --help. docs/lhctl.md has the rest. */
+#include <unistd.h>
+
 #include <climits>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <map>
+#include <optional>
 
 #include <CLI/CLI.hpp>
 
 #include "ipc_msg.hpp"
 #include "lhctl.hpp"
 #include "plat_ipc.h"
+#include "watch.hpp"
 
 namespace lhctl {
 namespace {
@@ -27,6 +33,7 @@ struct Session {
     Client client;
     bool json;
     bool clear; /* stats --clear */
+    std::optional<std::string> interval; /* watch --interval */
 };
 
 /* Commands */
@@ -65,6 +72,33 @@ std::string cmd_stats(Session &s, const Words &w)
         clear_stats(s.client, module_id, pipe);
     return s.json ? stats_json(module_id, pipe, counters, s.clear)
                   : counters_text(counters);
+}
+
+/* Escape codes only for a terminal that takes them. */
+bool on_terminal()
+{
+    const char *term = getenv("TERM");
+
+    return isatty(STDOUT_FILENO) &&
+           (term == nullptr || strcmp(term, "dumb") != 0);
+}
+
+/* Draws until Ctrl-C; nothing is left to print after it. */
+std::string cmd_watch(Session &s, const Words &w)
+{
+    WatchView view;
+
+    if (w.size() == 1)
+        usage_error("missing argument");
+    if (s.json)
+        usage_error("unexpected option \"--json\"");
+    if (w.size() == 2)
+        view.target = WatchTarget{parse_module(w[0]), parse_u32("PIPE", w[1])};
+    if (s.interval)
+        view.interval_s = parse_interval(*s.interval);
+    view.terminal = on_terminal();
+    watch(s.client, view);
+    return "";
 }
 
 std::string reg_view(const Session &s, uint32_t offset, uint32_t value)
@@ -129,11 +163,8 @@ std::string cmd_qos(Session &s, const Words &w)
  * leaves standard output empty. */
 std::string cmd_metrics(Session &s, const Words &)
 {
-    Snapshot snap{get_modules(s.client), get_pipes(s.client), {}};
+    Snapshot snap = take_snapshot(s.client);
 
-    for (const Module &m : snap.modules)
-        snap.stats.push_back(has_stats(m.id) ? get_stats(s.client, m.id, m.pipe)
-                                             : Counters{});
     return s.json ? snapshot_json(snap) : snapshot_metrics(snap);
 }
 
@@ -163,6 +194,13 @@ constexpr Command kCommands[] = {
      "Every counter of the instance, named by its register source; --clear "
      "clears them after reading.",
      2, 2, cmd_stats},
+    {"watch", "[--interval SECONDS] [MODULE PIPE]",
+     "live view of health, pipes and counter rates",
+     "Redraws module health, pipe states and counter rates per second every "
+     "interval (default 1 s, 0.1 to 3600) until Ctrl-C: every counter of "
+     "MODULE PIPE, or else those that changed. Without a terminal, one "
+     "snapshot per interval.",
+     0, 2, cmd_watch},
     {"reg read", "OFFSET", "read a register",
      "Reads the 32-bit word at OFFSET of the FPGA's window.", 1, 1,
      cmd_reg_read},
@@ -241,6 +279,7 @@ private:
     std::string timeout_;
     bool json_ = false;
     bool clear_ = false;
+    std::optional<std::string> interval_;
     Words words_; /* the selected command's arguments */
     const Command *command_ = nullptr; /* once known, for its usage line */
 };
@@ -278,6 +317,9 @@ CommandLine::CommandLine()
         leaf->add_option("args", words_);
         if (c.run == cmd_stats)
             leaf->add_flag("--clear", clear_);
+        if (c.run == cmd_watch)
+            leaf->add_option("--interval", interval_)
+                ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
         leaves_[leaf] = &c;
     }
 }
@@ -355,7 +397,7 @@ std::string CommandLine::run(int argc, char **argv)
     if (words_.size() > command_->max_args)
         usage_error(format("unexpected argument \"%s\"",
                            words_[command_->max_args].c_str()));
-    Session session{Client(socket_, timeout_ms), json_, clear_};
+    Session session{Client(socket_, timeout_ms), json_, clear_, interval_};
     return command_->run(session, words_);
 }
 

@@ -43,6 +43,8 @@ public:
     Bytes request(uint32_t op, std::span<const uint8_t> payload);
     /* A reply that must be exactly `length` bytes long. */
     Bytes request(uint32_t op, std::span<const uint8_t> payload, size_t length);
+    /* Drops the connection; the next request makes a new one. */
+    void reset() { client_.reset(); }
 
 private:
     struct Close {
@@ -111,6 +113,8 @@ uint32_t parse_u32(const char *what, const std::string &text);
 uint32_t parse_name(const char *what, const std::string &text,
                     std::span<const char *const> names);
 uint32_t parse_module(const std::string &text);
+double parse_seconds(const char *what, const std::string &text, double min,
+                     double max);
 int parse_timeout_ms(const std::string &text);
 /* The module's name, or its id in decimal for an id without a name. */
 std::string module_name(uint32_t id);
@@ -130,6 +134,10 @@ struct Snapshot {
     Pipes pipes;
     std::vector<Counters> stats; /* per module entry, empty for none */
 };
+
+/* requests.cpp: the module list, the pipe states and the counters of
+ * every module instance that has some. */
+Snapshot take_snapshot(Client &c);
 
 std::string modules_json(const Modules &modules);
 std::string pipes_json(const Pipes &pipes);

@@ -58,20 +58,27 @@ uint32_t parse_module(const std::string &text)
     usage_error(format("unknown module \"%s\"", text.c_str()));
 }
 
-/* Seconds, fractions allowed, above 0 and at most kMaxTimeoutS; rounded
- * up to a millisecond, so 0.0001 s still waits. */
-int parse_timeout_ms(const std::string &text)
+/* Seconds, fractions allowed, above 0, at least min and at most max. */
+double parse_seconds(const char *what, const std::string &text, double min,
+                     double max)
 {
     char *end;
 
     if (starts_with_sign_or_blank(text.c_str()))
-        usage_error(format("bad timeout \"%s\"", text.c_str()));
+        usage_error(format("bad %s \"%s\"", what, text.c_str()));
     errno = 0;
     double seconds = strtod(text.c_str(), &end);
     if (errno != 0 || *end != '\0' || !std::isfinite(seconds) ||
-        seconds <= 0 || seconds > kMaxTimeoutS)
-        usage_error(format("bad timeout \"%s\"", text.c_str()));
-    return static_cast<int>(std::ceil(seconds * 1000.0));
+        seconds <= 0 || seconds < min || seconds > max)
+        usage_error(format("bad %s \"%s\"", what, text.c_str()));
+    return seconds;
+}
+
+/* Rounded up to a millisecond, so 0.0001 s still waits. */
+int parse_timeout_ms(const std::string &text)
+{
+    return static_cast<int>(
+        std::ceil(parse_seconds("timeout", text, 0, kMaxTimeoutS) * 1000.0));
 }
 
 std::string module_name(uint32_t id)

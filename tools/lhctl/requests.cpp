@@ -119,4 +119,14 @@ uint32_t get_qos(Client &c, uint32_t pipe, uint32_t profile)
         8);
 }
 
+Snapshot take_snapshot(Client &c)
+{
+    Snapshot snap{get_modules(c), get_pipes(c), {}};
+
+    for (const Module &m : snap.modules)
+        snap.stats.push_back(has_stats(m.id) ? get_stats(c, m.id, m.pipe)
+                                             : Counters{});
+    return snap;
+}
+
 } // namespace lhctl
