@@ -26,7 +26,7 @@
 #include "log_expect.hpp"
 #include "plat_ipc.h"
 #include "tool_support.hpp"
-#include "unique_fd.hpp"
+#include "owned.hpp"
 #include "watch.hpp"
 
 namespace {
@@ -611,7 +611,7 @@ TEST_F(WatchCommand, SignalsEndItWithExit0)
  * frame redrawn from the top, the cursor shown again after Ctrl-C. */
 TEST_F(WatchCommand, TerminalRestoredAfterCtrlC)
 {
-    plat::UniqueFd master(posix_openpt(O_RDWR | O_NOCTTY));
+    pellin::UniqueFd master(posix_openpt(O_RDWR | O_NOCTTY));
     ASSERT_TRUE(master.valid());
     ASSERT_EQ(grantpt(master.get()), 0);
     ASSERT_EQ(unlockpt(master.get()), 0);

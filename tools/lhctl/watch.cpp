@@ -14,7 +14,7 @@
 #include <cstring>
 #include <ctime>
 
-#include "unique_fd.hpp"
+#include "owned.hpp"
 #include "watch.hpp"
 
 namespace lhctl {
@@ -74,7 +74,7 @@ private:
 
     sigset_t set_;
     sigset_t saved_;
-    plat::UniqueFd fd_;
+    pellin::UniqueFd fd_;
 };
 
 /* On a terminal, a cleared screen for the frames and the cursor hidden
