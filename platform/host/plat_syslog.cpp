@@ -1,11 +1,12 @@
 /* syslog(3) with an ident of its own on every line, that never holds up
  * the caller. A line is formatted at once and queued; one writer thread,
  * the only caller of openlog and syslog(3) in the process, sends it. When
- * the log reader stops reading, only the writer waits: a caller that finds
- * the queue full gives the reader a moment, then drops its line and
- * counts it, and for a while after a drop no caller waits. The count goes
- * out as a line of its own before the next line that gets in. At exit the
- * writer gets a moment to send what is queued. */
+ * the log reader stops reading, only the writer waits. A caller that finds
+ * the queue full waits for room only while the writer still gets lines
+ * through (a reader that is busy, not stopped); otherwise its line is
+ * dropped and counted, and the count goes out as a line of its own before
+ * the next line that gets in. At exit the writer gets a moment to send
+ * what is queued. */
 #include "plat_syslog.h"
 
 #include <errno.h>
@@ -25,8 +26,8 @@ namespace {
 constexpr size_t queue_lines = 64;
 constexpr size_t ident_max = 48;
 constexpr size_t text_max = 2048; /* longer text is cut */
-constexpr long catch_up_ms = 250;
-constexpr long no_wait_after_drop_ms = 10000;
+/* A writer that has sent nothing for this long is held by the reader. */
+constexpr long stalled_after_ms = 250;
 constexpr long exit_grace_ms = 1000;
 
 struct Line {
@@ -35,19 +36,26 @@ struct Line {
     char text[text_max];
 };
 
-timespec realtime_in(long ms)
+timespec realtime_now()
 {
     timespec t{};
 
     clock_gettime(CLOCK_REALTIME, &t);
-    t.tv_sec += ms / 1000 + (t.tv_nsec + (ms % 1000) * 1000000) / 1000000000;
-    t.tv_nsec = (t.tv_nsec + (ms % 1000) * 1000000) % 1000000000;
+    return t;
+}
+
+timespec after(timespec t, long ms)
+{
+    const long nsec = t.tv_nsec + (ms % 1000) * 1000000;
+
+    t.tv_sec += ms / 1000 + nsec / 1000000000;
+    t.tv_nsec = nsec % 1000000000;
     return t;
 }
 
 bool passed(const timespec &t)
 {
-    const timespec now = realtime_in(0);
+    const timespec now = realtime_now();
 
     return now.tv_sec != t.tv_sec ? now.tv_sec > t.tv_sec
                                   : now.tv_nsec >= t.tv_nsec;
@@ -74,7 +82,7 @@ public:
     /* At exit: what is queued goes out unless the reader has stopped. */
     void drain()
     {
-        const timespec until = realtime_in(exit_grace_ms);
+        const timespec until = after(realtime_now(), exit_grace_ms);
 
         pthread_mutex_lock(&lock_);
         while (count_ > 0 &&
@@ -100,6 +108,7 @@ private:
         if (pthread_create(&thread, nullptr, run, this) != 0)
             return false;
         pthread_detach(thread);
+        last_sent_ = realtime_now();
         if (!at_exit_set_) {
             at_exit_set_ = true;
             atexit(drain_at_exit);
@@ -111,13 +120,12 @@ private:
 
     bool room_locked(size_t lines)
     {
-        if (queue_lines - count_ >= lines)
-            return true;
-        if (dropped_ > 0 && !passed(waits_again_))
-            return false;
-        const timespec until = realtime_in(catch_up_ms);
-        while (queue_lines - count_ < lines &&
-               pthread_cond_timedwait(&sent_, &lock_, &until) == 0) {
+        while (queue_lines - count_ < lines) {
+            const timespec until = after(last_sent_, stalled_after_ms);
+
+            if (passed(until) ||
+                pthread_cond_timedwait(&sent_, &lock_, &until) != 0)
+                break;
         }
         return queue_lines - count_ >= lines;
     }
@@ -126,7 +134,6 @@ private:
     {
         if (!room_locked(dropped_ > 0 ? 2 : 1)) {
             dropped_++;
-            waits_again_ = realtime_in(no_wait_after_drop_ms);
             return;
         }
         if (dropped_ > 0) {
@@ -170,6 +177,7 @@ private:
             pthread_mutex_lock(&w->lock_);
             w->head_ = (w->head_ + 1) % queue_lines;
             w->count_--;
+            w->last_sent_ = realtime_now();
             pthread_cond_broadcast(&w->sent_);
         }
         return nullptr;
@@ -185,7 +193,7 @@ private:
     size_t head_ = 0;
     size_t count_ = 0;
     uint64_t dropped_ = 0;
-    timespec waits_again_{}; /* after a drop, no caller waits before */
+    timespec last_sent_{}; /* when the writer last got a line through */
     bool started_ = false;
     bool at_exit_set_ = false;
     char ident_[ident_max] = {0}; /* openlog keeps this pointer */
