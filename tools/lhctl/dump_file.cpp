@@ -23,7 +23,7 @@ constexpr size_t kMaxLine = 160;
 constexpr size_t kQuotedLength = 48;
 /* Far more than the daemon ever writes in one second (one per module
  * instance); every dump is read whole, so this bounds the work. */
-constexpr size_t kMaxDumps = 1024;
+constexpr size_t kMaxDumps = 64;
 
 struct Image {
     uint32_t type;
