@@ -102,5 +102,6 @@ std::optional<lh::BlockLayout> lh::block_layout(uint32_t module_id)
                        {site->offsets[0], site->offsets[1]},
                        desc.errors,
                        desc.counters,
-                       desc.stats_size};
+                       desc.stats_size,
+                       desc.port};
 }

@@ -25,6 +25,7 @@ struct BlockLayout {
     std::span<const lh_error_bit> errors;
     std::span<const lh_counter_source> counters;
     size_t stats_size; /* bytes of the statistics record, 0 for none */
+    const lh_port_regs *port; /* a port's control and status, null for none */
 };
 
 /* The layout of a module id, none for an id without a driver. */

@@ -12,6 +12,7 @@
 #include "lh_device.hpp"
 #include "lh_layout.hpp"
 #include "nic.hpp"
+#include "port.hpp"
 
 namespace lhtables {
 

@@ -45,6 +45,8 @@ struct lh_block_words {
     const char *clear;  /* "clear stats", "clear interface stats" */
 };
 
+struct lh_port_regs;
+
 /* What a block is, whatever its contexts: what tools and messages see. */
 struct lh_block_desc {
     const char *name; /* display name, "CAUI" */
@@ -53,6 +55,7 @@ struct lh_block_desc {
     std::span<const lh_counter_source> counters;
     size_t stats_size; /* bytes of the statistics record, 0 for none */
     lh_block_words words;
+    const lh_port_regs *port = nullptr; /* a port's control and status */
 };
 
 namespace lh {

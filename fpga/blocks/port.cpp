@@ -21,38 +21,15 @@ constexpr const char *get_state_words = "get interface state";
 constexpr const char *set_loopback_words = "set loopback";
 constexpr const char *get_loopback_words = "get loopback";
 
-/* Where the two register maps differ. Control bits sit at the same
- * positions in both blocks. */
-struct PortRegs {
-    lh::Reg snapshot;
-    lh::Reg control;
-    lh::Reg status;
-    uint32_t aligned_bit;
-
-    constexpr lh::Field loopback() const { return {control, {0, 3}}; }
-    constexpr lh::Bit enable() const { return {control, 8}; }
-    constexpr lh::Bit link_reset() const { return {control, 10}; }
-    constexpr lh::Bit disable() const { return {control, 11}; }
-    constexpr lh::Bit aligned() const { return {status, aligned_bit}; }
-};
+using PortRegs = lh_port_regs;
 
 constexpr uint32_t eth_fatal_status = 0x1000;
 constexpr PortRegs eth_regs{{0x0020}, {0x1020}, {0x1024}, 3};
 constexpr uint32_t caui_fatal_status = 0x0800;
 constexpr PortRegs caui_regs{{0x02B0}, {0x0820}, {0x0824}, 24};
 
-struct LoopbackType {
-    const char *name;
-    uint32_t code; /* control bits 2..0 */
-};
-
-constexpr LoopbackType loopback_types[] = {
-    {"disable-all", 0},
-    {"pcs-near", 1},
-    {"pma-near", 2},
-    {"pma-far", 4},
-    {"pcs-far", 6},
-};
+constexpr std::span<const lh_loopback_type> loopback_types =
+    port_loopback_types;
 
 /* A MAC counter: the low word first, the high word 4 above. */
 constexpr lh_counter_source mac_counter(uint32_t low)
@@ -244,7 +221,7 @@ constexpr lh_block_words port_words{"module fatal error detection",
 /* Valid is set before the mutex: a failed init leaves the context valid. */
 constexpr Port<EthCtx> eth{
     {{"Eth", LH_MOD_ETH, eth_errors, eth_counters, sizeof(EthCtx::stats),
-      port_words},
+      port_words, &eth_regs},
      &eth_contexts, lh::ValidAt::before_mutex, nullptr,
      clear_loopback<eth_regs, EthCtx>},
     eth_regs,
@@ -252,7 +229,7 @@ constexpr Port<EthCtx> eth{
 
 constexpr Port<CauiCtx> caui{
     {{"CAUI", LH_MOD_CAUI, caui_errors, caui_counters,
-      sizeof(CauiCtx::stats), port_words},
+      sizeof(CauiCtx::stats), port_words, &caui_regs},
      &caui_contexts, lh::ValidAt::before_mutex, nullptr,
      clear_loopback<caui_regs, CauiCtx>},
     caui_regs,

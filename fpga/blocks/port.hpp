@@ -7,6 +7,7 @@
 #include <stdint.h>
 
 #include "lh_fpga.h"
+#include "lh_regs.hpp"
 
 /* The `type` argument of set_loopback; bit n of get_loopback's mask is
  * type n. */
@@ -16,6 +17,37 @@ enum port_loopback_type {
     PORT_LOOPBACK_PMA_NEAR = 2,
     PORT_LOOPBACK_PMA_FAR = 3,
     PORT_LOOPBACK_PCS_FAR = 4,
+};
+
+/* A loopback type's name and the code control bits 2..0 hold for it,
+ * indexed by port_loopback_type. */
+struct lh_loopback_type {
+    const char *name;
+    uint32_t code;
+};
+
+inline constexpr lh_loopback_type port_loopback_types[] = {
+    {"disable-all", 0},
+    {"pcs-near", 1},
+    {"pma-near", 2},
+    {"pma-far", 4},
+    {"pcs-far", 6},
+};
+
+/* Where a port block keeps its snapshot trigger, control and status; the
+ * two register maps differ only here. Control bits sit at the same
+ * positions in both blocks. */
+struct lh_port_regs {
+    lh::Reg snapshot;
+    lh::Reg control;
+    lh::Reg status;
+    uint32_t aligned_bit;
+
+    constexpr lh::Field loopback() const { return {control, {0, 3}}; }
+    constexpr lh::Bit enable() const { return {control, 8}; }
+    constexpr lh::Bit link_reset() const { return {control, 10}; }
+    constexpr lh::Bit disable() const { return {control, 11}; }
+    constexpr lh::Bit aligned() const { return {status, aligned_bit}; }
 };
 
 /* 64-bit counters of the statistics record of each block. */

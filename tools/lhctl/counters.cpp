@@ -27,7 +27,7 @@ bool has_stats(uint32_t module_id)
     return layout && layout->stats_size > 0;
 }
 
-static std::string counter_name(const lhtables::CounterSource &source)
+std::string counter_name(const lhtables::CounterSource &source)
 {
     if (source.high == lhtables::kNoRegister)
         return format("reg_0x%x", source.low);

@@ -168,6 +168,12 @@ std::string cmd_metrics(Session &s, const Words &)
     return s.json ? snapshot_json(snap) : snapshot_metrics(snap);
 }
 
+/* Offline: reads a dump file, never the daemon. */
+std::string cmd_dump(Session &s, const Words &w)
+{
+    return dump_view(w[0], s.json);
+}
+
 struct Command {
     const char *name; /* one or two words */
     const char *args;
@@ -218,6 +224,11 @@ constexpr Command kCommands[] = {
      "Module health, pipe states and every counter, in the Prometheus text "
      "format (one JSON object with --json).",
      0, 0, cmd_metrics},
+    {"dump", "FILE", "decode a register dump file (no daemon needed)",
+     "Each module instance of the dump's image: its base, its state, the set "
+     "bits of its fatal-error registers, a port's control and status, and "
+     "its counters. Of several dumps in FILE, the last.",
+     1, 1, cmd_dump},
 };
 
 /* Usage and help texts */

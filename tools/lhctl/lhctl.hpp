@@ -14,6 +14,7 @@
 #include "tool_failure.hpp"
 
 struct ipc_client;
+struct lh_counter_source;
 
 namespace lhctl {
 
@@ -101,6 +102,11 @@ uint32_t get_qos(Client &c, uint32_t pipe, uint32_t profile);
  * sources; throws for a record that is not the module's. */
 bool has_stats(uint32_t module_id);
 Counters decode_counters(uint32_t module_id, std::span<const uint8_t> record);
+std::string counter_name(const lh_counter_source &source);
+
+/* dump_decode.cpp: the last register dump of a file, decoded as text or
+ * JSON; a file that is not a dump throws (exit 1). */
+std::string dump_view(const std::string &path, bool json);
 
 /* names.cpp: the words lhctl reads and prints. */
 inline constexpr const char *kLoopbackNames[] = {

@@ -18,16 +18,6 @@ using lhtables::CounterSource;
 using lhtables::ErrorRow;
 using lhtables::Layout;
 
-/* The receive-aligned bit of each port block. */
-constexpr struct PortStatus {
-    uint32_t module_id;
-    uint32_t reg;
-    unsigned bit;
-} kPorts[] = {
-    {lhtables::kCaui, 0x0824, 24},
-    {lhtables::kEth, 0x1024, 3},
-};
-
 const char *image_name(uint32_t device_type)
 {
     return device_type == lhtables::kLhxImage ? "LHX" : "base";
@@ -234,15 +224,19 @@ Exit link(const Args &a)
         throw UsageError{};
     const bool up = a.state == "up";
     Board board(a.dir);
-    for (const PortStatus &port : kPorts) {
-        std::optional<Layout> layout = lh::block_layout(port.module_id);
+    /* The board's port block, its receive-aligned bit the driver's. */
+    for (uint32_t module_id = 0; module_id < lhtables::kModuleCount;
+         module_id++) {
+        std::optional<Layout> layout = lh::block_layout(module_id);
 
-        if (!layout || layout->device_type != board.kind().device_type)
+        if (!layout || layout->port == nullptr ||
+            layout->device_type != board.kind().device_type)
             continue;
-        Target t(a, Module{port.module_id, *layout}, pipe);
-        t.set_bit(port.reg, port.bit, up);
+        const lh::Bit aligned = layout->port->aligned();
+        Target t(a, Module{module_id, *layout}, pipe);
+        t.set_bit(aligned.reg.offset, aligned.pos, up);
         printf("%s pipe %u: link %s (0x%05x bit %u %s)\n", layout->name, pipe,
-               a.state.c_str(), t.base + port.reg, port.bit,
+               a.state.c_str(), t.base + aligned.reg.offset, aligned.pos,
                up ? "set" : "clear");
         return Exit::ok;
     }
