@@ -201,6 +201,7 @@ TEST_F(LhctlDump, FoldedRunsAndAnOpenRunAtTheEnd)
     std::string expected =
         "dump 1 of 1 in " + path + ", from line 1\n"
         "image lhx, 1 pipe, window 0x19800\n"
+        "failed: eth pipe 0 (RX Buffer FIFO Overflow)\n"
         "\n"
         "lhx-global pipe 0 at 0x00000: OK\n"
         "  fatal-error status 0x00100 = 0x00000000\n"
@@ -236,6 +237,22 @@ TEST_F(LhctlDump, FoldedRunsAndAnOpenRunAtTheEnd)
     EXPECT_EQ(eth.at("counters").at("reg_0x50c_0x508"), kFiller64);
     EXPECT_EQ(eth.at("counters").at("reg_0x1070"), 0xDEADBEEFu);
     EXPECT_EQ(module_of(j, "lhx-global", 0).at("port"), nullptr);
+}
+
+/* Error bits set in a block the dump records OK are shown, but only a
+ * FAILED instance is named on the line of failures. */
+TEST_F(LhctlDump, NoFailedInstanceSaysNone)
+{
+    std::string path = file("ok.log", lhx_dump("OK", 0x21, 0x102, 0x8));
+    Result r = lhctl({"dump", path});
+
+    EXPECT_EQ(r.status, 0);
+    EXPECT_TRUE(r.out.starts_with("dump 1 of 1 in " + path +
+                                  ", from line 1\n"
+                                  "image lhx, 1 pipe, window 0x19800\n"
+                                  "failed: none\n\n"))
+        << r.out;
+    EXPECT_NE(r.out.find("\neth pipe 0 at 0x10000: OK\n"), std::string::npos);
 }
 
 TEST_F(LhctlDump, LastWordOfTheBaseWindowClosesItsRun)
@@ -632,7 +649,9 @@ TEST_F(LhctlDumpDaemon, BaseOneBlock)
     EXPECT_EQ(r.status, 0);
     EXPECT_TRUE(r.out.starts_with("dump 1 of 1 in " + path +
                                   ", from line 1\nimage base, 2 pipes, window "
-                                  "0x2a100\n\nglobal pipe 0 at 0x00000: OK\n"))
+                                  "0x2a100\n"
+                                  "failed: ddr4 pipe 1 (Cmd fifo overflow)\n"
+                                  "\nglobal pipe 0 at 0x00000: OK\n"))
         << r.out;
     EXPECT_NE(r.out.find("\nddr4 pipe 1 at 0x2a000: FAILED\n"
                          "  fatal-error status 0x2a000 = 0x00000008\n"

@@ -222,6 +222,30 @@ Decoded decode_last(const std::string &path)
     return d;
 }
 
+namespace {
+
+/* One line per failed instance, with the error its driver reported, so
+ * the reader sees first what went wrong. */
+std::string failed_text(const Decoded &d)
+{
+    std::string text;
+
+    for (const Instance &i : d.instances) {
+        if (!i.entry.failed)
+            continue;
+        const auto reported = std::ranges::find(i.errors, true,
+                                                &ErrorBit::reported);
+        text += format("failed: %s pipe %u%s%s%s\n",
+                       lhtables::module_name(i.entry.module_id), i.entry.pipe,
+                       reported != i.errors.end() ? " (" : "",
+                       reported != i.errors.end() ? reported->text : "",
+                       reported != i.errors.end() ? ")" : "");
+    }
+    return text.empty() ? "failed: none\n" : text;
+}
+
+} // namespace
+
 std::string text(const Decoded &d)
 {
     std::string text =
@@ -231,6 +255,7 @@ std::string text(const Decoded &d)
 
     text += format("image %s, %u pipe%s, window 0x%05x\n", image_name(d.image),
                    d.pipes, d.pipes == 1 ? "" : "s", window_size(d.image));
+    text += failed_text(d);
     for (const Instance &i : d.instances)
         text += instance_text(i);
     return text;
