@@ -15,7 +15,11 @@
 
 #include <algorithm>
 #include <optional>
+/* GCC 12 warns inside <regex> itself when it is built with sanitizers. */
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
 #include <regex>
+#pragma GCC diagnostic pop
 #include <sstream>
 #include <string>
 #include <vector>
