@@ -610,33 +610,16 @@ private:
         socket_ =
             std::string(sim_board_path(b, SIM_PATH_RUN)) + "/ipc/219.sock";
         out_path_ = parent_.file("daemon.txt");
-        /* The service controller, where the sandbox's PATH finds it. */
-        fs::path bin = fs::path(sim_board_path(b, SIM_PATH_TMP)) / "bin";
-        fs::create_directories(bin, error);
-        ASSERT_FALSE(error) << bin << ": " << error.message();
-        fs::copy_file(KEEPER_SVC_PATH, bin / "keeper_svc",
-                      fs::copy_options::overwrite_existing, error);
-        ASSERT_FALSE(error) << KEEPER_SVC_PATH << ": " << error.message();
+        ASSERT_NO_FATAL_FAILURE(install_keeper_svc(b, KEEPER_SVC_PATH));
     }
 
     /* The daemon's standard output goes to out_path_. */
     void spawn_daemon()
     {
-        char *const argv[] = {const_cast<char *>(PELLIN_MGR_PATH), NULL};
-        UniqueFd out(
-            open(out_path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644));
-        ASSERT_GE(out.get(), 0) << out_path_;
-        fflush(stdout);
-        UniqueFd saved(dup(STDOUT_FILENO));
-        ASSERT_GE(saved.get(), 0);
-        ASSERT_GE(dup2(out.get(), STDOUT_FILENO), 0);
-        pid_t pid;
-        {
-            ScopedEnv path("PATH", "/tmp/bin:/usr/sbin:/usr/bin:/sbin:/bin");
-            pid = sim_board_spawn(board_.get(), NULL, argv);
-        }
-        dup2(saved.get(), STDOUT_FILENO);
-        ASSERT_GT(pid, 0) << sim_board_last_error();
+        const pid_t pid =
+            ::spawn_daemon(board_.get(), PELLIN_MGR_PATH, out_path_);
+
+        ASSERT_GT(pid, 0);
         daemon_ = Child(pid);
     }
 

@@ -11,12 +11,14 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <memory>
 #include <utility>
 
 #include <gtest/gtest.h>
 
 #include "file_watch.hpp"
+#include "owned.hpp"
 #include "plat_ipc.h"
 #include "simboard.hpp"
 
@@ -354,4 +356,46 @@ std::string last_line_of(const std::string &path)
     if (!text.empty() && text.back() == '\n')
         text.pop_back();
     return text.substr(text.rfind('\n') + 1);
+}
+
+void install_keeper_svc(struct sim_board *board, const std::string &keeper_svc)
+{
+    namespace fs = std::filesystem;
+    const fs::path bin = fs::path(sim_board_path(board, SIM_PATH_TMP)) / "bin";
+    std::error_code error;
+
+    fs::create_directories(bin, error);
+    if (!error)
+        fs::copy_file(keeper_svc, bin / "keeper_svc",
+                      fs::copy_options::overwrite_existing, error);
+    if (error)
+        ADD_FAILURE() << keeper_svc << " into " << bin << ": "
+                      << error.message();
+}
+
+pid_t spawn_daemon(struct sim_board *board, const std::string &program,
+                   const std::string &out_path)
+{
+    char *const argv[] = {const_cast<char *>(program.c_str()), NULL};
+    pellin::UniqueFd out(
+        open(out_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644));
+    pellin::UniqueFd saved(dup(STDOUT_FILENO));
+    pid_t pid;
+
+    if (!out.valid() || !saved.valid()) {
+        ADD_FAILURE() << out_path << ": " << strerror(errno);
+        return -1;
+    }
+    fflush(stdout);
+    dup2(out.get(), STDOUT_FILENO);
+    {
+        ScopedEnv path("PATH", "/tmp/bin:/usr/sbin:/usr/bin:/sbin:/bin");
+        pid = sim_board_spawn(board, NULL, argv);
+    }
+    dup2(saved.get(), STDOUT_FILENO);
+    if (pid <= 0) {
+        ADD_FAILURE() << "daemon: " << sim_board_last_error();
+        return -1;
+    }
+    return pid;
 }

@@ -114,6 +114,17 @@ bool can_become(uid_t uid, std::string *why);
 std::vector<uint8_t> daemon_stats(const std::string &socket, uint32_t module,
                                   uint32_t pipe);
 
+struct sim_board;
+
+/* The service controller at keeper_svc, copied where the sandbox's PATH
+ * finds it on board; a failure is added when it cannot be. */
+void install_keeper_svc(struct sim_board *board, const std::string &keeper_svc);
+
+/* The daemon at program spawned on board, its standard output into
+ * out_path, with the sandbox's PATH: its pid, or -1 with a failure added. */
+pid_t spawn_daemon(struct sim_board *board, const std::string &program,
+                   const std::string &out_path);
+
 /* The whole text of a file, "" when it cannot be read. */
 std::string text_of(const std::string &path);
 /* The file's last line, without its newline. */
