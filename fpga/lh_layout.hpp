@@ -28,6 +28,14 @@ struct BlockLayout {
     const lh_port_regs *port; /* a port's control and status, null for none */
 };
 
+/* The register dump file, as the poll thread writes it and lhctl reads
+ * it: the headers of its two parts and the filler word whose runs fold. */
+inline constexpr char dump_status_header[] =
+    "----------- Module Status -----------";
+inline constexpr char dump_register_header[] =
+    "----------- Register Dump -----------";
+inline constexpr uint32_t dump_filler = 0xDEADBEEFu;
+
 /* The layout of a module id, none for an id without a driver. */
 std::optional<BlockLayout> block_layout(uint32_t module_id);
 

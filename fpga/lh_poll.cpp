@@ -7,13 +7,14 @@
 
 #include "lh_block_ops.hpp"
 #include "lh_check.hpp"
+#include "lh_layout.hpp"
 #include "lh_regs.hpp"
 
 constexpr useconds_t poll_interval_us = 500000;
 constexpr size_t dump_path_size = 169;
 constexpr const char *dump_path_format =
     "/opt/orvel/platform/logs/lark_hollow_dump__%b-%d-%Y__%I-%M-%S-%p.log";
-constexpr uint32_t dump_filler = 0xDEADBEEFu;
+using lh::dump_filler;
 /* The last word of the base window closes a run at once; the
  * rule never applies on the smaller LHX window; dumps keep this shape. */
 constexpr unsigned long dump_last_base_word = 0x2A0FC;
@@ -126,7 +127,7 @@ void lh_sys_poll_stop(void)
 
 static void write_module_status(FILE *file, const lh_device_desc *desc)
 {
-    fputs("\n----------- Module Status -----------\n", file);
+    fprintf(file, "\n%s\n", lh::dump_status_header);
     for (const lh_module_entry *entry = desc->module_list;
          entry->module_id != LH_MOD_END; entry++) {
         int failed = entry->module_id < LH_MOD_COUNT &&
@@ -147,7 +148,7 @@ static void write_register_words(FILE *file, const lh_device_desc *desc)
     lh::Window window(desc->mapped_base);
     int in_run = 0;
 
-    fputs("\n----------- Register Dump -----------\n", file);
+    fprintf(file, "\n%s\n", lh::dump_register_header);
     for (unsigned long offset = 0; offset < desc->window_size; offset += 4) {
         uint32_t value = window.read(lh::Reg{(uint32_t)offset});
 

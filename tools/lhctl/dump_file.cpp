@@ -15,9 +15,9 @@
 namespace lhctl::dump {
 namespace {
 
-constexpr std::string_view kStatusHeader = "----------- Module Status -----------";
-constexpr std::string_view kDumpHeader = "----------- Register Dump -----------";
-constexpr uint32_t kFiller = 0xDEADBEEFu;
+constexpr std::string_view kStatusHeader = lh::dump_status_header;
+constexpr std::string_view kDumpHeader = lh::dump_register_header;
+constexpr uint32_t kFiller = lh::dump_filler;
 /* Longer than any line a dump has; a longer one is not read whole. */
 constexpr size_t kMaxLine = 160;
 constexpr size_t kQuotedLength = 48;
