@@ -4,6 +4,7 @@
 #ifndef LHCTL_HPP
 #define LHCTL_HPP
 
+#include <array>
 #include <cstdint>
 #include <memory>
 #include <span>
@@ -11,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "lh_tables.hpp"
 #include "tool_failure.hpp"
 
 struct ipc_client;
@@ -109,9 +111,14 @@ std::string counter_name(const lh_counter_source &source);
 std::string dump_view(const std::string &path, bool json);
 
 /* names.cpp: the words lhctl reads and prints. */
-inline constexpr const char *kLoopbackNames[] = {
-    "disable-all", "pcs-near", "pma-near", "pma-far", "pcs-far",
-};
+/* The port driver's loopback type names, indexed by type. */
+inline constexpr auto kLoopbackNames = [] {
+    std::array<const char *, std::size(port_loopback_types)> names{};
+
+    for (size_t type = 0; type < names.size(); type++)
+        names[type] = port_loopback_types[type].name;
+    return names;
+}();
 inline constexpr const char *kPriorityNames[] = {"low", "med", "high"};
 inline constexpr const char *kPipeStates[] = {"down", "up"};
 
