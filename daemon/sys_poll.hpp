@@ -1,5 +1,5 @@
-/* The daemon system poll: pipe states at start and on change,
- * and the one-time FAILED alarm. */
+/* The daemon system poll: pipe states at start and on change, and the
+ * one-time FAILED alarm. */
 #ifndef PLM_SYS_POLL_H
 #define PLM_SYS_POLL_H
 
@@ -22,7 +22,7 @@ void plm_fatal_error_handler(lh_fatal_error_t report);
 uint8_t *plm_sys_poll_setup(uint32_t *count_out);
 
 /* One pass of the poll loop over `count` pipes whose last states are in
- * `last`; for tests. */
+ * `last`. */
 void plm_sys_poll_pass(uint8_t *last, uint32_t count);
 
 #endif
