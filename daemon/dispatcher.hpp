@@ -3,9 +3,6 @@
 #ifndef PLM_DISPATCHER_H
 #define PLM_DISPATCHER_H
 
-#include <stdbool.h>
-#include <stdint.h>
-
 #include "ipc_msg.hpp"
 
 void plm_process_ipc_msg(plm_ipc_msg *msg);

@@ -4,8 +4,6 @@
 #ifndef PLM_IPC_SERVER_H
 #define PLM_IPC_SERVER_H
 
-#include <stdint.h>
-
 #include <utility>
 
 #include "ipc_msg.hpp"

@@ -31,13 +31,6 @@ void plm_qos_default_table_get(const plm_qos_default **table_out,
     *count_out = PLM_QOS_DEFAULT_COUNT;
 }
 
-/* Board type 4 or 5; the type is read a second time for the second value,
- * as the shipped daemon does. */
-static bool board_is_served(void)
-{
-    return get_platform_board_type() == 4 || get_platform_board_type() == 5;
-}
-
 /* Each IPC client holds a descriptor: the soft limit goes up to the hard
  * one, so that clients are limited by what the system allows. */
 static void raise_open_file_limit(void)
@@ -107,8 +100,10 @@ static void supervise(void)
 
 int plm_main(void)
 {
-    const lh_module_entry *list = NULL;
-    if (!board_is_served() || is_bramble_sim()) {
+    /* Board type 4 or 5; the type is read a second time for the second
+     * value, as the shipped daemon does. */
+    if ((get_platform_board_type() != 4 && get_platform_board_type() != 5) ||
+        is_bramble_sim()) {
         /* The result is not looked at. */
         const int ignored = system(PLM_SERVICE_DOWN_COMMAND);
         (void)ignored;
@@ -125,6 +120,7 @@ int plm_main(void)
         return unrecoverable();
     }
     plm_log(LOG_INFO, "%s - LH FPGA initialization complete", PLM_TAG(INFO));
+    const lh_module_entry *list = NULL;
     if (lh_get_module_list(&list) != 0) {
         plm_log(LOG_CRIT, "%s - Failed to retrieve module list",
                 PLM_TAG(UNRECOVERABLE));

@@ -31,9 +31,8 @@ plm_thread_monitor_entry *plm_thread_monitor_find_ended(void);
 namespace plm
 {
 
-/* Starts `body` on `*thread` and registers it as `name`; `what` names it
- * in the log lines, `caller` is the init function that starts it. Returns
- * 0, or -1 when it could not be created. */
+/* Starts `body` on `*thread`, registered as `name`; `what` names it in the
+ * log lines, `caller` is the init function. Returns 0 or -1. */
 int start_monitored_thread(pthread_t *thread, void *(*body)(void *),
                            const char *what, const char *name,
                            const char *caller);
