@@ -146,7 +146,7 @@ void *plm_ipc_server_thread(void *)
 
 int plm_ipc_server_init(void)
 {
-    return plm::start_monitored_thread(&ipc_thread, plm_ipc_server_thread,
-                                       "IPC server", "pellin IPC server",
-                                       __func__);
+    return plm_start_monitored_thread(&ipc_thread, plm_ipc_server_thread,
+                                      "IPC server", "pellin IPC server",
+                                      __func__);
 }

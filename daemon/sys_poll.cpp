@@ -105,7 +105,7 @@ void *plm_sys_poll_thread(void *)
 
 int plm_sys_poll_init(void)
 {
-    return plm::start_monitored_thread(&poll_thread, plm_sys_poll_thread,
-                                       "system poll", "pellin sys poll",
-                                       __func__);
+    return plm_start_monitored_thread(&poll_thread, plm_sys_poll_thread,
+                                      "system poll", "pellin sys poll",
+                                      __func__);
 }

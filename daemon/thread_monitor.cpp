@@ -61,9 +61,9 @@ plm_thread_monitor_entry *plm_thread_monitor_find_ended(void)
     return NULL;
 }
 
-int plm::start_monitored_thread(pthread_t *thread, void *(*body)(void *),
-                                const char *what, const char *name,
-                                const char *caller)
+int plm_start_monitored_thread(pthread_t *thread, void *(*body)(void *),
+                               const char *what, const char *name,
+                               const char *caller)
 {
     if (pthread_create(thread, NULL, body, NULL) != 0) {
         plm_log(LOG_CRIT, "%s: create %s thread failed", PLM_LOG_IDENT, what);

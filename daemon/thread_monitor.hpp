@@ -28,15 +28,10 @@ int plm_thread_monitor_enqueue(pthread_t *thread, const char *name);
  * joined), or null while all are alive. */
 plm_thread_monitor_entry *plm_thread_monitor_find_ended(void);
 
-namespace plm
-{
-
 /* Starts `body` on `*thread`, registered as `name`; `what` names it in the
  * log lines, `caller` is the init function. Returns 0 or -1. */
-int start_monitored_thread(pthread_t *thread, void *(*body)(void *),
-                           const char *what, const char *name,
-                           const char *caller);
-
-} // namespace plm
+int plm_start_monitored_thread(pthread_t *thread, void *(*body)(void *),
+                               const char *what, const char *name,
+                               const char *caller);
 
 #endif
