@@ -1,5 +1,5 @@
-/* The request dispatcher: one accepted request, one library
- * call, one reply or error reply. */
+/* The request dispatcher: one accepted request, one library call, one
+ * reply or error reply. */
 #ifndef PLM_DISPATCHER_H
 #define PLM_DISPATCHER_H
 

@@ -1,4 +1,3 @@
-/* The IPC server. */
 #include "ipc_server.hpp"
 
 #include <inttypes.h>

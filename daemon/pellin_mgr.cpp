@@ -1,4 +1,3 @@
-/* Daemon start-up and supervision. */
 #include "pellin_mgr.hpp"
 
 #include <stdlib.h>
@@ -104,7 +103,6 @@ int plm_main(void)
      * value, as the shipped daemon does. */
     if ((get_platform_board_type() != 4 && get_platform_board_type() != 5) ||
         is_bramble_sim()) {
-        /* The result is not looked at. */
         const int ignored = system(PLM_SERVICE_DOWN_COMMAND);
         (void)ignored;
         return 0;

@@ -1,4 +1,3 @@
-/* The daemon system poll and the fatal-error handler. */
 #include "sys_poll.hpp"
 
 #include <pthread.h>

@@ -21,8 +21,6 @@ void plm_fatal_error_handler(lh_fatal_error_t report);
  * array (heap) and the pipe count, or null after logging. */
 uint8_t *plm_sys_poll_setup(uint32_t *count_out);
 
-/* One pass of the poll loop over `count` pipes whose last states are in
- * `last`. */
 void plm_sys_poll_pass(uint8_t *last, uint32_t count);
 
 #endif
