@@ -1,10 +1,7 @@
-/* The request dispatcher: one accepted request, one library
- * call, one reply or error reply. */
+/* The request dispatcher: one accepted request, one library call, one
+ * reply or error reply. */
 #ifndef PLM_DISPATCHER_H
 #define PLM_DISPATCHER_H
-
-#include <stdbool.h>
-#include <stdint.h>
 
 #include "ipc_msg.hpp"
 

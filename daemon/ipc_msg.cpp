@@ -1,8 +1,10 @@
 #include "ipc_msg.hpp"
 
+#include <iterator>
+
 /* Indexed by error code; codes begin at 1. */
 constexpr const char *error_texts[] = {
-    nullptr,
+    "--",
     "INVALID LENGTH",
     "NULL PAYLOAD",
     "READ FAILED",
@@ -19,8 +21,5 @@ constexpr const char *error_texts[] = {
 
 const char *plm_ipc_error_str(uint32_t code)
 {
-    if (code >= sizeof(error_texts) / sizeof(error_texts[0]) ||
-        error_texts[code] == NULL)
-        return "--";
-    return error_texts[code];
+    return code < std::size(error_texts) ? error_texts[code] : "--";
 }

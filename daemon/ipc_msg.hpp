@@ -1,9 +1,8 @@
-/* The IPC message format of the daemon: the record, the
- * operation ids, the error codes and their texts. */
+/* The IPC message format of the daemon: the record, the operation ids, the
+ * error codes and their texts. */
 #ifndef PLM_IPC_MSG_H
 #define PLM_IPC_MSG_H
 
-#include <stddef.h>
 #include <stdint.h>
 
 #include "plat_ipc.h"
@@ -48,20 +47,9 @@ enum plm_ipc_err {
     PLM_IPC_ERR_GET_INGR_QOS_FAILED = 12,
 };
 
-/* The record ipc_recv fills and ipc_send takes: the platform IPC
- * library's own, 32 bytes in host order. */
+/* The record ipc_recv fills and ipc_send takes: the platform IPC library's
+ * own, 32 bytes in host order, its layout asserted where it is declared. */
 typedef ipc_msg_t plm_ipc_msg;
-
-static_assert(sizeof(plm_ipc_msg) == 32, "plm_ipc_msg is 32 bytes");
-static_assert(offsetof(plm_ipc_msg, addr0) == 0, "addr0 at 0");
-static_assert(offsetof(plm_ipc_msg, addr1) == 4, "addr1 at 4");
-static_assert(offsetof(plm_ipc_msg, op_id) == 8, "op_id at 8");
-static_assert(offsetof(plm_ipc_msg, aux_byte) == 12, "aux_byte at 12");
-static_assert(offsetof(plm_ipc_msg, msg_type) == 13, "msg_type at 13");
-static_assert(offsetof(plm_ipc_msg, reserved) == 14, "reserved at 14");
-static_assert(offsetof(plm_ipc_msg, payload_len) == 16, "length at 16");
-static_assert(offsetof(plm_ipc_msg, padding) == 20, "padding at 20");
-static_assert(offsetof(plm_ipc_msg, payload) == 24, "payload at 24");
 
 /* The text of an error code for clients; "--" for any other code. */
 const char *plm_ipc_error_str(uint32_t code);

@@ -1,16 +1,16 @@
-/* The IPC server: the thread that owns the daemon's IPC
- * context, the receive callback, the request length check and the senders
- * of replies and error replies. */
+/* The IPC server: the thread that owns the daemon's IPC context, the
+ * receive callback, the request length check and the senders of replies
+ * and error replies. */
 #ifndef PLM_IPC_SERVER_H
 #define PLM_IPC_SERVER_H
 
-#include <stdbool.h>
-#include <stdint.h>
+#include <utility>
 
 #include "ipc_msg.hpp"
 #include "owned.hpp"
 
-namespace plm {
+namespace plm
+{
 
 /* A payload that crosses the transport's C interface: malloc-backed, freed
  * with its owner unless released to a reply. */
@@ -19,28 +19,26 @@ using Payload = pellin::Malloced<uint8_t>;
 /* A message that a failing client could repeat for every request: the
  * first of each interval is logged, the rest are counted and their number
  * given with the next one logged. */
-class LogThrottle {
-public:
+class LogThrottle
+{
+  public:
     static constexpr int64_t interval_ms = 60000;
 
     /* Whether the event at `now_ms` is logged; `*unlogged` is then the
      * number held back since the last one logged. */
     bool admit(int64_t now_ms, uint64_t *unlogged)
     {
-        if (logged_once_ && now_ms < next_ms_) {
+        if (now_ms < next_ms_) {
             held_back_++;
             return false;
         }
-        logged_once_ = true;
         next_ms_ = now_ms + interval_ms;
-        *unlogged = held_back_;
-        held_back_ = 0;
+        *unlogged = std::exchange(held_back_, 0);
         return true;
     }
 
-private:
-    bool logged_once_ = false;
-    int64_t next_ms_ = 0;
+  private:
+    int64_t next_ms_ = INT64_MIN; /* the first is always logged */
     uint64_t held_back_ = 0;
 };
 
@@ -57,12 +55,10 @@ void plm_ipc_server_callback(void *unused, plm_ipc_msg *msg);
  * payload; otherwise the error reply has been sent (codes 1, 2). */
 bool plm_ipc_check_recv_length(plm_ipc_msg *msg, uint32_t expected_len);
 
-/* Answers `msg` with an error reply carrying `code`. */
 void plm_send_error_msg(plm_ipc_msg *msg, uint32_t code);
 
 /* Answers `request` with `payload` (heap, taken over; null when `length`
  * is 0). */
-void plm_send_reply(const plm_ipc_msg *request, void *payload,
-                    uint32_t length);
+void plm_send_reply(const plm_ipc_msg *request, void *payload, uint32_t length);
 
 #endif

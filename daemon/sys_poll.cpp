@@ -1,21 +1,18 @@
-/* The daemon system poll and the fatal-error handler. */
 #include "sys_poll.hpp"
 
 #include <pthread.h>
 #include <stdlib.h>
 #include <unistd.h>
 
+#include "ipc_server.hpp"
 #include "plm_log.hpp"
 #include "thread_monitor.hpp"
-
-#include <memory>
-
-#include "ipc_server.hpp"
 
 constinit std::atomic<uint8_t> plm_fatal_flag{0};
 constinit std::atomic<uint8_t> plm_fatal_reported{0};
 
-namespace {
+namespace
+{
 
 constexpr useconds_t poll_interval_us = 500000;
 
@@ -26,31 +23,13 @@ const char *pipe_state_name(uint8_t state)
     return state != 0 ? "UP" : "DOWN";
 }
 
-} // namespace
-
-void plm_fatal_error_handler(lh_fatal_error_t report)
-{
-    plm_fatal_flag.store(1);
-    if (report.module_id >= LH_MOD_COUNT) {
-        plm_log(LOG_CRIT,
-                "NPU fatal error handler: (unknown module) %d pipe %d (%s)",
-                report.module_id, report.pipe, report.error_text);
-        return;
-    }
-    plm_log(LOG_CRIT, "NPU fatal error handler: %s pipe %d (%s)",
-            lh_module_names[report.module_id], report.pipe,
-            report.error_text);
-}
-
 /* A module already failed when the daemon starts raises the alarm too. */
-static void scan_failed_modules(void)
+void scan_failed_modules(void)
 {
     const lh_module_entry *list = NULL;
-
     lh_get_module_list(&list);
     for (; list != NULL && list->module_id != LH_MOD_END; list++) {
         uint8_t state = 0;
-
         if (lh_get_module_state(*list, &state) == 0 && state != 0) {
             plm_fatal_flag.store(1);
             return;
@@ -58,32 +37,30 @@ static void scan_failed_modules(void)
     }
 }
 
-static void report_initial_states(uint8_t *last, uint32_t count)
-{
-    for (uint32_t pipe = 0; pipe < count; pipe++) {
-        lh_get_traffic_pipe_state(pipe, &last[pipe]);
-        plm_log(LOG_INFO, "%s - traffic pipe %d is %s", PLM_TAG(INFO), pipe,
-                pipe_state_name(last[pipe]));
-    }
-}
+} // namespace
 
-static void raise_alarm_once(void)
+void plm_fatal_error_handler(lh_fatal_error_t report)
 {
-    if (plm_fatal_reported.load() == 0 &&
-        plm_fatal_flag.load() == 1) {
-        plm_fatal_reported.store(1);
-        plm_log(LOG_CRIT, "%s - Pellin FAILED", PLM_TAG(FATAL));
-    }
+    plm_fatal_flag.store(1);
+    if (report.module_id >= LH_MOD_COUNT)
+        plm_log(LOG_CRIT,
+                "NPU fatal error handler: (unknown module) %d pipe %d (%s)",
+                report.module_id, report.pipe, report.error_text);
+    else
+        plm_log(LOG_CRIT, "NPU fatal error handler: %s pipe %d (%s)",
+                lh_module_names[report.module_id], report.pipe,
+                report.error_text);
 }
 
 void plm_sys_poll_pass(uint8_t *last, uint32_t count)
 {
-    raise_alarm_once();
+    if (plm_fatal_reported.load() == 0 && plm_fatal_flag.load() == 1) {
+        plm_fatal_reported.store(1);
+        plm_log(LOG_CRIT, "%s - Pellin FAILED", PLM_TAG(FATAL));
+    }
     for (uint32_t pipe = 0; pipe < count; pipe++) {
         uint8_t state;
-
-        if (lh_get_traffic_pipe_state(pipe, &state) != 0 ||
-            state == last[pipe])
+        if (lh_get_traffic_pipe_state(pipe, &state) != 0 || state == last[pipe])
             continue;
         last[pipe] = state;
         plm_log(LOG_INFO, "%s - traffic pipe %d changed to %s", PLM_TAG(INFO),
@@ -93,26 +70,28 @@ void plm_sys_poll_pass(uint8_t *last, uint32_t count)
 
 uint8_t *plm_sys_poll_setup(uint32_t *count_out)
 {
-    uint32_t count = lh_get_traffic_pipe_count();
+    const uint32_t count = lh_get_traffic_pipe_count();
     /* One byte even for no pipe, so that 0 pipes is not a failure. */
-    uint8_t *last = static_cast<uint8_t*>(calloc(count > 0 ? count : 1, 1));
+    auto *last = static_cast<uint8_t *>(calloc(count > 0 ? count : 1, 1));
 
     if (last == NULL) {
         plm_log(LOG_CRIT, "%s: PLM sys poll thread", PLM_TAG(NO_MEMORY));
         return NULL;
     }
-    report_initial_states(last, count);
+    for (uint32_t pipe = 0; pipe < count; pipe++) {
+        lh_get_traffic_pipe_state(pipe, &last[pipe]);
+        plm_log(LOG_INFO, "%s - traffic pipe %d is %s", PLM_TAG(INFO), pipe,
+                pipe_state_name(last[pipe]));
+    }
     lh_register_fatal_error_cb(plm_fatal_error_handler);
     scan_failed_modules();
     *count_out = count;
     return last;
 }
 
-void *plm_sys_poll_thread(void *arg)
+void *plm_sys_poll_thread(void *)
 {
     uint32_t count = 0;
-
-    (void)arg;
     pthread_setname_np(pthread_self(), "plm_sys_poll");
     const plm::Payload last(plm_sys_poll_setup(&count));
     if (!last)
@@ -121,19 +100,11 @@ void *plm_sys_poll_thread(void *arg)
         plm_sys_poll_pass(last.get(), count);
         usleep(poll_interval_us);
     }
-    return NULL;
 }
 
 int plm_sys_poll_init(void)
 {
-    if (pthread_create(&poll_thread, NULL, plm_sys_poll_thread, NULL) != 0) {
-        plm_log(LOG_CRIT, "%s: create system poll thread failed",
-                PLM_LOG_IDENT);
-        return -1;
-    }
-    if (plm_thread_monitor_enqueue(&poll_thread, "pellin sys poll") != 0)
-        plm_log(LOG_CRIT, "%s: %s", "plm_sys_poll_init",
-                PLM_TAG(MONITOR_ENQUEUE_FAILED));
-    plm_log(LOG_DEBUG, "Pellin Manager system poll thread started...");
-    return 0;
+    return plm_start_monitored_thread(&poll_thread, plm_sys_poll_thread,
+                                      "system poll", "pellin sys poll",
+                                      __func__);
 }

@@ -1,5 +1,5 @@
-/* The daemon system poll: pipe states at start and on change,
- * and the one-time FAILED alarm. */
+/* The daemon system poll: pipe states at start and on change, and the
+ * one-time FAILED alarm. */
 #ifndef PLM_SYS_POLL_H
 #define PLM_SYS_POLL_H
 
@@ -21,8 +21,6 @@ void plm_fatal_error_handler(lh_fatal_error_t report);
  * array (heap) and the pipe count, or null after logging. */
 uint8_t *plm_sys_poll_setup(uint32_t *count_out);
 
-/* One pass of the poll loop over `count` pipes whose last states are in
- * `last`; for tests. */
 void plm_sys_poll_pass(uint8_t *last, uint32_t count);
 
 #endif

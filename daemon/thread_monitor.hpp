@@ -1,5 +1,5 @@
-/* The thread monitor: the daemon's long-running threads, so
- * that main notices when one of them has ended. */
+/* The thread monitor: the daemon's long-running threads, so that main
+ * notices when one of them has ended. */
 #ifndef PLM_THREAD_MONITOR_H
 #define PLM_THREAD_MONITOR_H
 
@@ -27,5 +27,11 @@ int plm_thread_monitor_enqueue(pthread_t *thread, const char *name);
 /* The first entry, newest first, whose thread has ended (it is then
  * joined), or null while all are alive. */
 plm_thread_monitor_entry *plm_thread_monitor_find_ended(void);
+
+/* Starts `body` on `*thread`, registered as `name`; `what` names it in the
+ * log lines, `caller` is the init function. Returns 0 or -1. */
+int plm_start_monitored_thread(pthread_t *thread, void *(*body)(void *),
+                               const char *what, const char *name,
+                               const char *caller);
 
 #endif
