@@ -1,34 +1,35 @@
 /* syslog(3) with an ident of its own on every line, that never holds up
  * the caller. A line is formatted at once and queued; one writer thread,
- * the only caller of openlog and syslog(3) in the process, sends it. When
- * the log reader stops reading, only the writer waits. A caller that finds
- * the queue full waits for room only while the writer still gets lines
- * through (a reader that is busy, not stopped); otherwise its line is
- * dropped and counted, and the count goes out as a line of its own before
- * the next line that gets in. At exit the writer gets a moment to send
- * what is queued. */
+ * the only caller of openlog and syslog(3) in the process, sends it. A
+ * caller that finds the queue full waits for room only while the writer
+ * still gets lines through (a reader that is busy, not stopped); otherwise
+ * its line is dropped and counted, and the count goes out as a line of its
+ * own before the next line that gets in. At exit the writer gets a moment
+ * to send what is queued. */
 #include "plat_syslog.h"
 
 #include <errno.h>
 #include <pthread.h>
 #include <stdarg.h>
-#include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <syslog.h>
-#include <time.h>
 
 #include <array>
+#include <chrono>
 
-namespace {
+namespace
+{
+
+using Clock = std::chrono::steady_clock;
 
 constexpr size_t queue_lines = 64;
 constexpr size_t ident_max = 48;
 constexpr size_t text_max = 2048; /* longer text is cut */
 /* A writer that has sent nothing for this long is held by the reader. */
-constexpr long stalled_after_ms = 250;
-constexpr long exit_grace_ms = 1000;
+constexpr auto stalled_after = std::chrono::milliseconds(250);
+constexpr auto exit_grace = std::chrono::milliseconds(1000);
 
 struct Line {
     int priority;
@@ -36,33 +37,22 @@ struct Line {
     char text[text_max];
 };
 
-timespec realtime_now()
+/* False when `until` came first. The steady clock is CLOCK_MONOTONIC. */
+bool wait_until(pthread_cond_t *cond, pthread_mutex_t *lock,
+                Clock::time_point until)
 {
-    timespec t{};
+    auto ns = std::chrono::nanoseconds(until.time_since_epoch()).count();
+    timespec at = {ns / 1000000000, ns % 1000000000};
 
-    clock_gettime(CLOCK_REALTIME, &t);
-    return t;
+    return pthread_cond_clockwait(cond, lock, CLOCK_MONOTONIC, &at) == 0;
 }
 
-timespec after(timespec t, long ms)
+class Writer;
+extern Writer writer; /* for the exit and fork handlers */
+
+class Writer
 {
-    const long nsec = t.tv_nsec + (ms % 1000) * 1000000;
-
-    t.tv_sec += ms / 1000 + nsec / 1000000000;
-    t.tv_nsec = nsec % 1000000000;
-    return t;
-}
-
-bool passed(const timespec &t)
-{
-    const timespec now = realtime_now();
-
-    return now.tv_sec != t.tv_sec ? now.tv_sec > t.tv_sec
-                                  : now.tv_nsec >= t.tv_nsec;
-}
-
-class Writer {
-public:
+  public:
     void queue(int priority, const char *ident, const char *format,
                va_list args) __attribute__((format(printf, 4, 0)))
     {
@@ -82,11 +72,10 @@ public:
     /* At exit: what is queued goes out unless the reader has stopped. */
     void drain()
     {
-        const timespec until = after(realtime_now(), exit_grace_ms);
+        const Clock::time_point until = Clock::now() + exit_grace;
 
         pthread_mutex_lock(&lock_);
-        while (count_ > 0 &&
-               pthread_cond_timedwait(&sent_, &lock_, &until) == 0) {
+        while (count_ > 0 && wait_until(&sent_, &lock_, until)) {
         }
         pthread_mutex_unlock(&lock_);
     }
@@ -100,7 +89,7 @@ public:
         count_ = dropped_ = 0;
     }
 
-private:
+  private:
     bool start_locked()
     {
         pthread_t thread;
@@ -108,24 +97,20 @@ private:
         if (pthread_create(&thread, nullptr, run, this) != 0)
             return false;
         pthread_detach(thread);
-        last_sent_ = realtime_now();
+        last_sent_ = Clock::now();
         if (!at_exit_set_) {
             at_exit_set_ = true;
-            atexit(drain_at_exit);
-            pthread_atfork(nullptr, nullptr, forget_after_fork);
+            atexit([] { writer.drain(); });
+            pthread_atfork(nullptr, nullptr, [] { writer.forget_in_child(); });
         }
-        started_ = true;
-        return true;
+        return started_ = true;
     }
 
     bool room_locked(size_t lines)
     {
-        while (queue_lines - count_ < lines) {
-            const timespec until = after(last_sent_, stalled_after_ms);
-
-            if (passed(until) ||
-                pthread_cond_timedwait(&sent_, &lock_, &until) != 0)
-                break;
+        while (queue_lines - count_ < lines &&
+               Clock::now() < last_sent_ + stalled_after &&
+               wait_until(&sent_, &lock_, last_sent_ + stalled_after)) {
         }
         return queue_lines - count_ >= lines;
     }
@@ -150,7 +135,10 @@ private:
         pthread_cond_signal(&queued_);
     }
 
-    Line &push_locked() { return lines_[(head_ + count_++) % queue_lines]; }
+    Line &push_locked()
+    {
+        return lines_[(head_ + count_++) % queue_lines];
+    }
 
     /* The front line stays queued while it is sent, so that no caller
      * writes over it. */
@@ -177,14 +165,11 @@ private:
             pthread_mutex_lock(&w->lock_);
             w->head_ = (w->head_ + 1) % queue_lines;
             w->count_--;
-            w->last_sent_ = realtime_now();
+            w->last_sent_ = Clock::now();
             pthread_cond_broadcast(&w->sent_);
         }
         return nullptr;
     }
-
-    static void drain_at_exit();
-    static void forget_after_fork();
 
     pthread_mutex_t lock_ = PTHREAD_MUTEX_INITIALIZER;
     pthread_cond_t queued_ = PTHREAD_COND_INITIALIZER;
@@ -193,7 +178,7 @@ private:
     size_t head_ = 0;
     size_t count_ = 0;
     uint64_t dropped_ = 0;
-    timespec last_sent_{}; /* when the writer last got a line through */
+    Clock::time_point last_sent_{}; /* when the writer last got a line out */
     bool started_ = false;
     bool at_exit_set_ = false;
     char ident_[ident_max] = {0}; /* openlog keeps this pointer */
@@ -201,17 +186,12 @@ private:
 
 constinit Writer writer;
 
-void Writer::drain_at_exit() { writer.drain(); }
-void Writer::forget_after_fork() { writer.forget_in_child(); }
-
 } // namespace
 
-void plat_syslog(int severity, const char *ident, int option,
-                 const char *format, ...)
+void plat_syslog(int severity, const char *ident, int, const char *format, ...)
 {
     va_list args;
 
-    (void)option;
     va_start(args, format);
     writer.queue(severity,
                  ident != nullptr ? ident : program_invocation_short_name,
