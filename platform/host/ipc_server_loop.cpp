@@ -1,8 +1,7 @@
 /* A server context: connections accepted up to the open-file limit, read
- * one whole message at a time, replies queued up to a cap, partial
- * messages closed after a deadline; all on one epoll set. Refusals and
- * drops are logged at most once per interval and kind, with a count of
- * what happened since. */
+ * one whole message at a time, replies queued up to a cap, partial messages
+ * closed after a deadline, all on one epoll set; refusals and drops logged
+ * at most once per interval and kind, with a count of what happened since. */
 #include <inttypes.h>
 #include <stdarg.h>
 #include <stdio.h>
@@ -11,7 +10,6 @@
 #include <sys/eventfd.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
-#include <sys/uio.h>
 #include <syslog.h>
 
 #include "ipc_transport.hpp"
@@ -78,9 +76,9 @@ Clock::time_point now()
     return limits.now != nullptr ? limits.now() : Clock::now();
 }
 
-void DropReports::report(Drop kind, const char *format, ...)
+void Server::report(Drop kind, const char *format, ...)
 {
-    Kind &k = kinds_[static_cast<size_t>(kind)];
+    DropCount &k = drops_[static_cast<size_t>(kind)];
     Clock::time_point t = now();
     char text[256];
     va_list args;
@@ -96,11 +94,11 @@ void DropReports::report(Drop kind, const char *format, ...)
                 text);
 }
 
-void DropReports::flush()
+void Server::flush_reports()
 {
     Clock::time_point t = now();
-    for (size_t i = 0; i < kinds_.size(); i++) {
-        Kind &k = kinds_[i];
+    for (size_t i = 0; i < drops_.size(); i++) {
+        DropCount &k = drops_[i];
         if (k.unreported == 0 || t < k.quiet_until)
             continue;
         plat_syslog(kDropTexts[i].severity, kIdent, 0,
@@ -111,10 +109,10 @@ void DropReports::flush()
     }
 }
 
-Clock::time_point DropReports::next_flush() const
+Clock::time_point Server::next_report() const
 {
     Clock::time_point next = kNever;
-    for (const Kind &k : kinds_)
+    for (const DropCount &k : drops_)
         if (k.unreported > 0)
             next = std::min(next, k.quiet_until);
     return next;
@@ -143,7 +141,6 @@ int Server::add_endpoint_locked(uint32_t app_id)
         return rc;
     }
     max_conns_ = connections_allowed();
-    accepting_ = true;
     return 0;
 }
 
@@ -157,8 +154,8 @@ void Server::add_conn(UniqueFd fd)
 {
     std::unique_ptr<Conn> conn(new (std::nothrow) Conn);
     if (!conn) {
-        reports_.report(Drop::no_memory_for_connection,
-                        "IPC connection refused: out of memory");
+        report(Drop::no_memory_for_connection,
+               "IPC connection refused: out of memory");
         return;
     }
     do
@@ -179,13 +176,13 @@ void Server::close_conn(Conn *conn)
     freed_since_trim_ += conn->out_len;
     /* Its descriptor leaves the epoll set as it closes. */
     conns_.erase(id);
-    if (!accepting_ && accept_resume_ == kNever && conns_.size() < max_conns_)
+    /* Accepting stops only at the limit or after a failed accept. */
+    if (accept_resume_ == kNever && conns_.size() + 1 == max_conns_)
         set_accepting(true);
 }
 
 void Server::set_accepting(bool on)
 {
-    accepting_ = on;
     epoll_set(epoll_.get(), EPOLL_CTL_MOD, endpoint_.listener.get(),
               on ? static_cast<uint32_t>(EPOLLIN) : 0u, kListenKey);
 }
@@ -207,20 +204,19 @@ void Server::accept_connections()
             continue;
         if (errno == EAGAIN || errno == EWOULDBLOCK)
             return;
-        reports_.report(Drop::accept_failed, "IPC accept failed: %s",
-                        strerror_r(errno, buf, sizeof(buf)));
+        report(Drop::accept_failed, "IPC accept failed: %s",
+               strerror_r(errno, buf, sizeof(buf)));
         set_accepting(false);
         accept_resume_ = now() + kAcceptRetry;
         return;
     }
     set_accepting(false);
-    reports_.report(Drop::connection_limit,
-                    "IPC connections at the limit of %zu: new clients wait "
-                    "until one closes",
-                    max_conns_);
+    report(Drop::connection_limit,
+           "IPC connections at the limit of %zu: new clients wait until one "
+           "closes",
+           max_conns_);
 }
 
-/* Asks epoll for what the connection waits for now. */
 void Server::watch(Conn &conn)
 {
     uint32_t events =
@@ -259,17 +255,16 @@ int Server::queue(Conn &conn, const ipc_msg_t &msg, size_t sent)
     size_t rest = header.size() + msg.payload_len - sent;
     size_t kept = conn.pending();
     if (kept + rest > IPC_MAX_PENDING_OUTPUT) {
-        reports_.report(
-            Drop::unread_replies,
-            "IPC connection closed: more than %u bytes of replies unread",
-            IPC_MAX_PENDING_OUTPUT);
+        report(Drop::unread_replies,
+               "IPC connection closed: more than %u bytes of replies unread",
+               IPC_MAX_PENDING_OUTPUT);
         return -ENOBUFS;
     }
     if (pending_total_ + rest > limits.pending_output_total) {
-        reports_.report(Drop::unread_replies_total,
-                        "IPC connection closed: more than %zu bytes of replies "
-                        "unread by all clients together",
-                        limits.pending_output_total);
+        report(Drop::unread_replies_total,
+               "IPC connection closed: more than %zu bytes of replies unread "
+               "by all clients together",
+               limits.pending_output_total);
         return -ENOBUFS;
     }
     if (conn.out_sent > 0) {
@@ -324,8 +319,7 @@ int Server::send_locked(const ipc_msg_t &msg)
         close_conn(conn);
     else
         watch(*conn);
-    if (pollers_ > 0)
-        eventfd_write(wake_fd_.get(), 1); /* fails only with wakes pending */
+    eventfd_write(wake_fd_.get(), 1); /* fails only with wakes pending */
     return rc;
 }
 
@@ -353,15 +347,13 @@ int Server::read_frame(Conn &conn)
         return 0;
     }
     if (rc == -EMSGSIZE)
-        reports_.report(Drop::payload_too_long,
-                        "IPC connection closed: payload length %" PRIu32
-                        " above %u",
-                        conn.in.length(), IPC_MAX_PAYLOAD);
+        report(Drop::payload_too_long,
+               "IPC connection closed: payload length %" PRIu32 " above %u",
+               conn.in.length(), IPC_MAX_PAYLOAD);
     if (rc == -ENOMEM)
-        reports_.report(Drop::no_memory_for_payload,
-                        "IPC connection closed: no memory for %" PRIu32
-                        " payload bytes",
-                        conn.in.length());
+        report(Drop::no_memory_for_payload,
+               "IPC connection closed: no memory for %" PRIu32 " payload bytes",
+               conn.in.length());
     return rc;
 }
 
@@ -381,8 +373,11 @@ void Server::service(Conn &conn, uint32_t events)
 
 /* A connection that has held part of a message for the whole deadline is
  * closed: its slot and memory go to clients that finish their messages. */
-void Server::expire_partial_messages(Clock::time_point t)
+void Server::expire_partial_messages()
 {
+    Clock::time_point t = now();
+    if (t < next_expiry_)
+        return;
     next_expiry_ = kNever;
     for (auto it = conns_.begin(); it != conns_.end();) {
         Conn *conn = (it++)->second.get(); /* before it may be erased */
@@ -391,11 +386,10 @@ void Server::expire_partial_messages(Clock::time_point t)
             next_expiry_ = std::min(next_expiry_, conn->partial_deadline);
             continue;
         }
-        reports_.report(
-            Drop::partial_message,
-            "IPC connection closed: part of a message held for %lld s",
-            static_cast<long long>(limits.partial_message /
-                                   std::chrono::seconds(1)));
+        report(Drop::partial_message,
+               "IPC connection closed: part of a message held for %lld s",
+               static_cast<long long>(limits.partial_message /
+                                      std::chrono::seconds(1)));
         close_conn(conn);
     }
 }
@@ -403,11 +397,8 @@ void Server::expire_partial_messages(Clock::time_point t)
 /* After each poll: deadlines, reports, accepting again, memory back. */
 void Server::tidy_up()
 {
-    Clock::time_point t = now();
-
-    if (t >= next_expiry_)
-        expire_partial_messages(t);
-    reports_.flush();
+    expire_partial_messages();
+    flush_reports();
     if (accept_resume_ != kNever && now() >= accept_resume_) {
         accept_resume_ = kNever;
         set_accepting(true);
@@ -425,18 +416,16 @@ int Server::poll_once(int left_ms)
     epoll_event events[kEventsPerPoll];
     eventfd_t wakes;
     int next_ms = ms_until(
-        std::min({next_expiry_, reports_.next_flush(), accept_resume_}), now());
+        std::min({next_expiry_, next_report(), accept_resume_}), now());
     /* Taken as unsigned, -1 (no timeout) is the longest. */
     auto timeout_ms = std::min(static_cast<unsigned>(left_ms),
                                static_cast<unsigned>(next_ms));
 
-    pollers_++;
     lock.unlock();
     int n = epoll_wait(epoll_.get(), events, kEventsPerPoll,
                        static_cast<int>(timeout_ms));
     int err = errno;
     lock.lock();
-    pollers_--;
     if (n < 0)
         return err == EINTR ? 0 : -err;
     for (int i = 0; i < n; i++) {

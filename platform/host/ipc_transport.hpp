@@ -38,8 +38,7 @@ inline Header encode_header(const ipc_msg_t &msg)
     return wire;
 }
 
-/* Resizes malloc'd bytes; when there is no memory for it, false, and the
- * bytes stay as they were. */
+/* realloc for owned bytes: false, the bytes unchanged, when out of memory. */
 inline bool grow(MallocBytes &bytes, size_t size)
 {
     auto *grown = static_cast<uint8_t *>(realloc(bytes.get(), size));
@@ -50,14 +49,12 @@ inline bool grow(MallocBytes &bytes, size_t size)
     return true;
 }
 
-/*
- * One message being read: its record, then its payload. fill() takes bytes
- * from a source `ssize_t read(void *buf, size_t len)` (bytes read, 0 when
- * none are waiting, a negative errno otherwise) but never past the end of
- * one message. The announced length is checked before anything is
- * allocated for the payload, and the payload's memory grows as it comes,
- * so a peer that announces much and sends little holds little.
- */
+/* One message being read: its record, then its payload. fill() reads from
+ * `ssize_t read(void *buf, size_t len)` (bytes read, 0 when none are
+ * waiting, a negative errno otherwise), never past the end of the message.
+ * The announced length is checked before any payload memory is taken, and
+ * that grows as bytes come: a peer that announces much and sends little
+ * holds little. */
 class FrameReader
 {
   public:
@@ -163,7 +160,9 @@ extern constinit Limits limits;
 
 Clock::time_point now();
 
-/* Kinds of refusal and drop, each reported at most once per interval. */
+/* Kinds of refusal and drop. The first of a kind is logged in full at
+ * once; the ones after it within the interval are counted, and one line
+ * gives that count when the interval is over. */
 enum class Drop {
     no_memory_for_connection,
     accept_failed,
@@ -174,30 +173,6 @@ enum class Drop {
     unread_replies_total,
     partial_message,
     count
-};
-
-/*
- * The first of a kind is logged in full at once; the ones after it within
- * the interval are counted, and one line gives that count when the
- * interval is over. Not locked: its server's lock covers it.
- */
-class DropReports
-{
-  public:
-    /* Logs this one in full, or counts it within its kind's interval. */
-    void report(Drop kind, const char *format, ...)
-        __attribute__((format(printf, 3, 4)));
-    /* Logs the counts whose interval is over. */
-    void flush();
-    /* When flush has something to log next (time_point::max(): never). */
-    Clock::time_point next_flush() const;
-
-  private:
-    struct Kind {
-        Clock::time_point quiet_until{};
-        uint64_t unreported = 0;
-    };
-    std::array<Kind, static_cast<size_t>(Drop::count)> kinds_{};
 };
 
 /* The endpoint of a server: its directory, lock and listening socket. */
@@ -221,8 +196,7 @@ struct Conn {
     FrameReader in;
     /* When the part of a message `in` holds runs out of time. */
     Clock::time_point partial_deadline = Clock::time_point::max();
-    bool peer_done = false; /* the peer sent its last byte: close once
-                               the replies are out */
+    bool peer_done = false; /* sent its last byte: close when replies are out */
     uint32_t polled = 0;    /* the epoll events asked for */
     MallocBytes out;        /* replies, written from out_sent on */
     size_t out_len = 0;
@@ -234,11 +208,9 @@ struct Conn {
     }
 };
 
-/*
- * A server context: its endpoint, its connections and the loop that
- * serves them, an epoll set woken through an eventfd when another thread
- * sends. The methods with `locked` in their name expect the lock held.
- */
+/* A server context: its endpoint, its connections and the loop serving
+ * them on an epoll set, woken through an eventfd when another thread sends.
+ * Methods with `locked` in their name expect the lock held. */
 class Server
 {
   public:
@@ -267,24 +239,30 @@ class Server
     int queue(Conn &conn, const ipc_msg_t &msg, size_t sent);
     int read_frame(Conn &conn);
     void service(Conn &conn, uint32_t events);
-    void expire_partial_messages(Clock::time_point t);
+    void expire_partial_messages();
     void tidy_up();
+    void report(Drop kind, const char *format, ...)
+        __attribute__((format(printf, 3, 4)));
+    void flush_reports();
+    Clock::time_point next_report() const;
     int poll_once(int left_ms);
 
     UniqueFd wake_fd_;
     UniqueFd epoll_;
     Endpoint endpoint_;
-    int pollers_ = 0;
     std::map<uint32_t, std::unique_ptr<Conn>> conns_;
     uint32_t last_id_ = 0;
     size_t max_conns_ = 0;
-    bool accepting_ = false;
     Clock::time_point accept_resume_ = Clock::time_point::max();
     std::deque<uint32_t> ready_; /* whole messages, in arrival order */
     Clock::time_point next_expiry_ = Clock::time_point::max();
     size_t pending_total_ = 0;
     size_t freed_since_trim_ = 0;
-    DropReports reports_;
+    struct DropCount {
+        Clock::time_point quiet_until{};
+        uint64_t unreported = 0;
+    };
+    std::array<DropCount, static_cast<size_t>(Drop::count)> drops_{};
 };
 
 } // namespace plat::ipc
