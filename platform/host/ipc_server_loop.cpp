@@ -1,18 +1,16 @@
 /* A server context: connections accepted up to the open-file limit, read
- * one whole message at a time, replies queued up to a cap, partial
- * messages closed after a deadline; all on one epoll set. */
+ * one whole message at a time, replies queued up to a cap, partial messages
+ * closed after a deadline, all on one epoll set; refusals and drops logged
+ * at most once per interval and kind, with a count of what happened since. */
 #include <inttypes.h>
+#include <stdarg.h>
+#include <stdio.h>
 #include <malloc.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
-#include <sys/uio.h>
 #include <syslog.h>
-
-#include <algorithm>
-#include <climits>
-#include <new>
 
 #include "ipc_transport.hpp"
 #include "plat_syslog.h"
@@ -33,11 +31,28 @@ constexpr int kEventsPerPoll = 64;
 constexpr size_t kTrimAfter = 1024 * 1024;
 constexpr uint64_t kWakeKey = 1ull << 32;
 constexpr uint64_t kListenKey = 2ull << 32;
+constexpr auto kNever = Clock::time_point::max();
+
+struct DropText {
+    int severity;
+    const char *what; /* "<what>: N since the last report" */
+};
+
+constexpr std::array<DropText, static_cast<size_t>(Drop::count)> kDropTexts = {{
+    {LOG_ERR, "IPC connections refused for lack of memory"},
+    {LOG_ERR, "IPC accepts failed"},
+    {LOG_WARNING, "IPC connection limit reached, new clients waited"},
+    {LOG_WARNING, "IPC connections closed for a payload length above 65536"},
+    {LOG_ERR, "IPC connections closed for lack of payload memory"},
+    {LOG_WARNING, "IPC connections closed for replies left unread"},
+    {LOG_WARNING,
+     "IPC connections closed for replies left unread by all clients together"},
+    {LOG_WARNING, "IPC connections closed for holding a partial message"},
+}};
 
 size_t connections_allowed()
 {
     rlimit lim;
-
     if (limits.connections != 0)
         return limits.connections;
     if (getrlimit(RLIMIT_NOFILE, &lim) != 0 || lim.rlim_cur == RLIM_INFINITY)
@@ -46,23 +61,62 @@ size_t connections_allowed()
                                            : kReservedFds;
 }
 
-int min_timeout(int a, int b)
-{
-    if (a < 0)
-        return b;
-    return b < 0 ? a : std::min(a, b);
-}
-
 int epoll_set(int epoll_fd, int op, int fd, uint32_t events, uint64_t key)
 {
-    epoll_event ev{};
-
-    ev.events = events;
-    ev.data.u64 = key;
+    epoll_event ev{.events = events, .data = {.u64 = key}};
     return epoll_ctl(epoll_fd, op, fd, &ev) == 0 ? 0 : -errno;
 }
 
 } // namespace
+
+constinit Limits limits;
+
+Clock::time_point now()
+{
+    return limits.now != nullptr ? limits.now() : Clock::now();
+}
+
+void Server::report(Drop kind, const char *format, ...)
+{
+    DropCount &k = drops_[static_cast<size_t>(kind)];
+    Clock::time_point t = now();
+    char text[256];
+    va_list args;
+    if (t < k.quiet_until || k.unreported > 0) {
+        k.unreported++;
+        return;
+    }
+    k.quiet_until = t + limits.report_interval;
+    va_start(args, format);
+    vsnprintf(text, sizeof(text), format, args);
+    va_end(args);
+    plat_syslog(kDropTexts[static_cast<size_t>(kind)].severity, kIdent, 0, "%s",
+                text);
+}
+
+void Server::flush_reports()
+{
+    Clock::time_point t = now();
+    for (size_t i = 0; i < drops_.size(); i++) {
+        DropCount &k = drops_[i];
+        if (k.unreported == 0 || t < k.quiet_until)
+            continue;
+        plat_syslog(kDropTexts[i].severity, kIdent, 0,
+                    "%s: %" PRIu64 " since the last report", kDropTexts[i].what,
+                    k.unreported);
+        k.unreported = 0;
+        k.quiet_until = t + limits.report_interval;
+    }
+}
+
+Clock::time_point Server::next_report() const
+{
+    Clock::time_point next = kNever;
+    for (const DropCount &k : drops_)
+        if (k.unreported > 0)
+            next = std::min(next, k.quiet_until);
+    return next;
+}
 
 bool Server::init()
 {
@@ -87,63 +141,48 @@ int Server::add_endpoint_locked(uint32_t app_id)
         return rc;
     }
     max_conns_ = connections_allowed();
-    accepting_ = true;
     return 0;
-}
-
-/* Connections */
-
-/* Where a connection of this id is, or would go. */
-Server::ConnSlot Server::slot(uint32_t id)
-{
-    return std::lower_bound(conns_.begin(), conns_.end(), id,
-                            [](const std::unique_ptr<Conn> &c, uint32_t key) {
-                                return c->id < key;
-                            });
 }
 
 Conn *Server::find(uint32_t id)
 {
-    auto it = slot(id);
-    return it != conns_.end() && (*it)->id == id ? it->get() : nullptr;
+    auto it = conns_.find(id);
+    return it != conns_.end() ? it->second.get() : nullptr;
 }
 
 void Server::add_conn(UniqueFd fd)
 {
     std::unique_ptr<Conn> conn(new (std::nothrow) Conn);
-
     if (!conn) {
-        if (reports_.admit(Drop::no_memory_for_connection))
-            plat_syslog(LOG_ERR, kIdent, 0,
-                        "IPC connection refused: out of memory");
+        report(Drop::no_memory_for_connection,
+               "IPC connection refused: out of memory");
         return;
     }
     do
         last_id_++;
-    while (last_id_ == 0 || find(last_id_) != nullptr);
+    while (last_id_ == 0 || conns_.contains(last_id_));
     conn->id = last_id_;
     conn->fd = std::move(fd);
-    if (epoll_set(epoll_.get(), EPOLL_CTL_ADD, conn->fd.get(), EPOLLIN,
-                  conn->id) < 0)
-        return;
     conn->polled = EPOLLIN;
-    conns_.insert(slot(conn->id), std::move(conn));
+    if (epoll_set(epoll_.get(), EPOLL_CTL_ADD, conn->fd.get(), EPOLLIN,
+                  last_id_) == 0)
+        conns_.emplace(last_id_, std::move(conn));
 }
 
 void Server::close_conn(Conn *conn)
 {
+    uint32_t id = conn->id;
     pending_total_ -= conn->pending();
     freed_since_trim_ += conn->out_len;
     /* Its descriptor leaves the epoll set as it closes. */
-    conns_.erase(slot(conn->id));
-    if (!accepting_ && accept_resume_ == Clock::time_point::max() &&
-        conns_.size() < max_conns_)
+    conns_.erase(id);
+    /* Accepting stops only at the limit or after a failed accept. */
+    if (accept_resume_ == kNever && conns_.size() + 1 == max_conns_)
         set_accepting(true);
 }
 
 void Server::set_accepting(bool on)
 {
-    accepting_ = on;
     epoll_set(epoll_.get(), EPOLL_CTL_MOD, endpoint_.listener.get(),
               on ? static_cast<uint32_t>(EPOLLIN) : 0u, kListenKey);
 }
@@ -157,7 +196,6 @@ void Server::accept_connections()
         UniqueFd fd(accept4(endpoint_.listener.get(), nullptr, nullptr,
                             SOCK_NONBLOCK | SOCK_CLOEXEC));
         char buf[64];
-
         if (fd.valid()) {
             add_conn(std::move(fd));
             continue;
@@ -166,34 +204,28 @@ void Server::accept_connections()
             continue;
         if (errno == EAGAIN || errno == EWOULDBLOCK)
             return;
-        if (reports_.admit(Drop::accept_failed))
-            plat_syslog(LOG_ERR, kIdent, 0, "IPC accept failed: %s",
-                        strerror_r(errno, buf, sizeof(buf)));
+        report(Drop::accept_failed, "IPC accept failed: %s",
+               strerror_r(errno, buf, sizeof(buf)));
         set_accepting(false);
         accept_resume_ = now() + kAcceptRetry;
         return;
     }
     set_accepting(false);
-    if (reports_.admit(Drop::connection_limit))
-        plat_syslog(LOG_WARNING, kIdent, 0,
-                    "IPC connections at the limit of %zu: new clients wait "
-                    "until one closes",
-                    max_conns_);
+    report(Drop::connection_limit,
+           "IPC connections at the limit of %zu: new clients wait until one "
+           "closes",
+           max_conns_);
 }
 
-/* Asks epoll for what the connection waits for now. */
 void Server::watch(Conn &conn)
 {
     uint32_t events =
         (conn.peer_done ? 0u : static_cast<uint32_t>(EPOLLIN)) |
         (conn.pending() > 0 ? static_cast<uint32_t>(EPOLLOUT) : 0u);
-
     if (events != conn.polled && epoll_set(epoll_.get(), EPOLL_CTL_MOD,
                                            conn.fd.get(), events, conn.id) == 0)
         conn.polled = events;
 }
-
-/* Sending */
 
 /* Writes queued bytes until the socket takes no more: 0 or a negative
  * errno (the peer is gone). A drained queue gives its memory back. */
@@ -202,7 +234,6 @@ int Server::flush(Conn &conn)
     while (conn.pending() > 0) {
         ssize_t n = send(conn.fd.get(), conn.out.get() + conn.out_sent,
                          conn.pending(), MSG_NOSIGNAL | MSG_DONTWAIT);
-
         if (n < 0 && errno == EINTR)
             continue;
         if (n < 0)
@@ -222,39 +253,33 @@ int Server::queue(Conn &conn, const ipc_msg_t &msg, size_t sent)
 {
     Header header = encode_header(msg);
     size_t rest = header.size() + msg.payload_len - sent;
-
-    if (conn.pending() + rest > IPC_MAX_PENDING_OUTPUT) {
-        if (reports_.admit(Drop::unread_replies))
-            plat_syslog(LOG_WARNING, kIdent, 0,
-                        "IPC connection closed: more than %u bytes of "
-                        "replies unread",
-                        IPC_MAX_PENDING_OUTPUT);
+    size_t kept = conn.pending();
+    if (kept + rest > IPC_MAX_PENDING_OUTPUT) {
+        report(Drop::unread_replies,
+               "IPC connection closed: more than %u bytes of replies unread",
+               IPC_MAX_PENDING_OUTPUT);
         return -ENOBUFS;
     }
     if (pending_total_ + rest > limits.pending_output_total) {
-        if (reports_.admit(Drop::unread_replies_total))
-            plat_syslog(LOG_WARNING, kIdent, 0,
-                        "IPC connection closed: more than %zu bytes of "
-                        "replies unread by all clients together",
-                        limits.pending_output_total);
+        report(Drop::unread_replies_total,
+               "IPC connection closed: more than %zu bytes of replies unread "
+               "by all clients together",
+               limits.pending_output_total);
         return -ENOBUFS;
     }
-    size_t kept = conn.pending();
     if (conn.out_sent > 0) {
         memmove(conn.out.get(), conn.out.get() + conn.out_sent, kept);
         conn.out_sent = 0;
         conn.out_len = kept;
     }
-    auto *grown = static_cast<uint8_t *>(realloc(conn.out.get(), kept + rest));
-    if (grown == nullptr)
+    if (!grow(conn.out, kept + rest))
         return -ENOMEM;
-    (void)conn.out.release();
-    conn.out.reset(grown);
     conn.out_len = kept + rest;
     for (size_t i = sent; i < header.size(); i++)
-        grown[kept++] = header[i];
+        conn.out[kept++] = header[i];
     size_t from = sent > header.size() ? sent - header.size() : 0;
-    memcpy(grown + kept, static_cast<const uint8_t *>(msg.payload) + from,
+    memcpy(conn.out.get() + kept,
+           static_cast<const uint8_t *>(msg.payload) + from,
            msg.payload_len - from);
     pending_total_ += rest;
     return 0;
@@ -266,7 +291,6 @@ int Server::send_locked(const ipc_msg_t &msg)
 {
     Conn *conn = find(msg.addr1);
     ssize_t sent = 0;
-
     if (conn == nullptr)
         return -ENOTCONN;
     if (conn->pending() == 0) {
@@ -274,7 +298,6 @@ int Server::send_locked(const ipc_msg_t &msg)
         iovec iov[2] = {{header.data(), header.size()},
                         {msg.payload, msg.payload_len}};
         msghdr mh{};
-
         mh.msg_iov = iov;
         mh.msg_iovlen = msg.payload_len > 0 ? 2 : 1;
         do
@@ -282,7 +305,6 @@ int Server::send_locked(const ipc_msg_t &msg)
         while (sent < 0 && errno == EINTR);
         if (sent < 0 && errno != EAGAIN && errno != EWOULDBLOCK) {
             int rc = -errno;
-
             close_conn(conn);
             return rc;
         }
@@ -297,29 +319,9 @@ int Server::send_locked(const ipc_msg_t &msg)
         close_conn(conn);
     else
         watch(*conn);
-    wake();
+    eventfd_write(wake_fd_.get(), 1); /* fails only with wakes pending */
     return rc;
 }
-
-void Server::wake()
-{
-    uint64_t one = 1;
-
-    if (pollers_ > 0 && write(wake_fd_.get(), &one, sizeof(one)) < 0) {
-        /* Only fails when wakes are already pending. */
-    }
-}
-
-void Server::drain_wakes()
-{
-    uint64_t count;
-
-    if (read(wake_fd_.get(), &count, sizeof(count)) < 0) {
-        /* Nothing pending: another poller drained it. */
-    }
-}
-
-/* Receiving */
 
 int Server::read_frame(Conn &conn)
 {
@@ -327,17 +329,14 @@ int Server::read_frame(Conn &conn)
         return read_some(conn.fd.get(), buf, len);
     });
     if (rc == 1) {
-        conn.frame_ready = true;
-        conn.partial = false;
+        conn.partial_deadline = kNever;
         ready_.push_back(conn.id);
         return 0;
     }
     if (rc == 0) {
-        if (conn.in.started() && !conn.partial) {
-            conn.partial = true;
-            conn.partial_since = now();
-            next_expiry_ = std::min(next_expiry_, conn.partial_since +
-                                                      limits.partial_message);
+        if (conn.in.started() && conn.partial_deadline == kNever) {
+            conn.partial_deadline = now() + limits.partial_message;
+            next_expiry_ = std::min(next_expiry_, conn.partial_deadline);
         }
         return 0;
     }
@@ -347,26 +346,23 @@ int Server::read_frame(Conn &conn)
         conn.peer_done = true;
         return 0;
     }
-    if (rc == -EMSGSIZE && reports_.admit(Drop::payload_too_long))
-        plat_syslog(LOG_WARNING, kIdent, 0,
-                    "IPC connection closed: payload length %" PRIu32
-                    " above %u",
-                    conn.in.length(), IPC_MAX_PAYLOAD);
-    if (rc == -ENOMEM && reports_.admit(Drop::no_memory_for_payload))
-        plat_syslog(LOG_ERR, kIdent, 0,
-                    "IPC connection closed: no memory for %" PRIu32
-                    " payload bytes",
-                    conn.in.length());
+    if (rc == -EMSGSIZE)
+        report(Drop::payload_too_long,
+               "IPC connection closed: payload length %" PRIu32 " above %u",
+               conn.in.length(), IPC_MAX_PAYLOAD);
+    if (rc == -ENOMEM)
+        report(Drop::no_memory_for_payload,
+               "IPC connection closed: no memory for %" PRIu32 " payload bytes",
+               conn.in.length());
     return rc;
 }
 
 void Server::service(Conn &conn, uint32_t events)
 {
     int rc = 0;
-
     if (conn.pending() > 0 && (events & (EPOLLOUT | EPOLLERR | EPOLLHUP)))
         rc = flush(conn);
-    if (rc == 0 && !conn.peer_done && !conn.frame_ready &&
+    if (rc == 0 && !conn.peer_done && !conn.in.complete() &&
         (events & (EPOLLIN | EPOLLERR | EPOLLHUP)))
         rc = read_frame(conn);
     if (rc < 0 || (conn.peer_done && conn.pending() == 0))
@@ -380,30 +376,21 @@ void Server::service(Conn &conn, uint32_t events)
 void Server::expire_partial_messages()
 {
     Clock::time_point t = now();
-    std::vector<Conn *> expired;
-
     if (t < next_expiry_)
         return;
-    next_expiry_ = Clock::time_point::max();
-    for (const auto &c : conns_) {
-        if (!c->partial)
+    next_expiry_ = kNever;
+    for (auto it = conns_.begin(); it != conns_.end();) {
+        Conn *conn = (it++)->second.get(); /* before it may be erased */
+
+        if (t < conn->partial_deadline) {
+            next_expiry_ = std::min(next_expiry_, conn->partial_deadline);
             continue;
-        Clock::time_point deadline = c->partial_since + limits.partial_message;
-        if (t >= deadline)
-            expired.push_back(c.get());
-        else
-            next_expiry_ = std::min(next_expiry_, deadline);
-    }
-    for (Conn *c : expired) {
-        if (reports_.admit(Drop::partial_message))
-            plat_syslog(LOG_WARNING, kIdent, 0,
-                        "IPC connection closed: part of a message held for "
-                        "%lld s",
-                        static_cast<long long>(
-                            std::chrono::duration_cast<std::chrono::seconds>(
-                                limits.partial_message)
-                                .count()));
-        close_conn(c);
+        }
+        report(Drop::partial_message,
+               "IPC connection closed: part of a message held for %lld s",
+               static_cast<long long>(limits.partial_message /
+                                      std::chrono::seconds(1)));
+        close_conn(conn);
     }
 }
 
@@ -411,9 +398,9 @@ void Server::expire_partial_messages()
 void Server::tidy_up()
 {
     expire_partial_messages();
-    reports_.flush();
-    if (accept_resume_ != Clock::time_point::max() && now() >= accept_resume_) {
-        accept_resume_ = Clock::time_point::max();
+    flush_reports();
+    if (accept_resume_ != kNever && now() >= accept_resume_) {
+        accept_resume_ = kNever;
         set_accepting(true);
     }
     if (freed_since_trim_ >= kTrimAfter && pending_total_ == 0) {
@@ -422,34 +409,29 @@ void Server::tidy_up()
     }
 }
 
-int Server::poll_timeout(int left_ms) const
-{
-    int ms = min_timeout(left_ms, ms_until(next_expiry_, now()));
-
-    ms = min_timeout(ms, ms_until(reports_.next_flush(), now()));
-    return min_timeout(ms, ms_until(accept_resume_, now()));
-}
-
 /* Drops the lock while waiting. Another thread's ipc_send may close a
  * connection meanwhile, so each event finds its connection again by id. */
 int Server::poll_once(int left_ms)
 {
     epoll_event events[kEventsPerPoll];
-    int timeout_ms = poll_timeout(left_ms);
+    eventfd_t wakes;
+    int next_ms = ms_until(
+        std::min({next_expiry_, next_report(), accept_resume_}), now());
+    /* Taken as unsigned, -1 (no timeout) is the longest. */
+    auto timeout_ms = std::min(static_cast<unsigned>(left_ms),
+                               static_cast<unsigned>(next_ms));
 
-    pollers_++;
     lock.unlock();
-    int n = epoll_wait(epoll_.get(), events, kEventsPerPoll, timeout_ms);
+    int n = epoll_wait(epoll_.get(), events, kEventsPerPoll,
+                       static_cast<int>(timeout_ms));
     int err = errno;
     lock.lock();
-    pollers_--;
     if (n < 0)
         return err == EINTR ? 0 : -err;
     for (int i = 0; i < n; i++) {
         uint64_t key = events[i].data.u64;
-
         if (key == kWakeKey)
-            drain_wakes();
+            eventfd_read(wake_fd_.get(), &wakes); /* or another poller did */
         else if (key == kListenKey)
             accept_connections();
         else if (Conn *conn = find(static_cast<uint32_t>(key)))
@@ -459,37 +441,26 @@ int Server::poll_once(int left_ms)
     return 0;
 }
 
-/* Messages are taken in the order they came in, one per connection at a
- * time, so no client can starve the others. */
-bool Server::take_ready(ipc_msg_t *msg)
-{
-    while (ready_head_ < ready_.size()) {
-        Conn *conn = find(ready_[ready_head_++]);
-
-        if (conn == nullptr || !conn->frame_ready)
-            continue;
-        conn->in.take(msg);
-        conn->frame_ready = false;
-        msg->addr0 = conn->id;
-        msg->addr1 = endpoint_.app_id;
-        return true;
-    }
-    ready_.clear();
-    ready_head_ = 0;
-    return false;
-}
-
 int Server::receive_locked(ipc_msg_t *msg, int timeout_ms)
 {
     /* The caller's time is real time, whatever clock deadlines use. */
     Clock::time_point deadline = deadline_after(timeout_ms);
     bool polled = false;
-
     if (!endpoint_.listener.valid())
         return -ENOTCONN;
     for (;;) {
-        if (take_ready(msg))
-            return 0;
+        /* Messages are taken in the order they came in, one per connection
+         * at a time, so no client can starve the others. */
+        while (!ready_.empty()) {
+            Conn *conn = find(ready_.front());
+            ready_.pop_front();
+            if (conn != nullptr && conn->in.complete()) {
+                conn->in.take(msg);
+                msg->addr0 = conn->id;
+                msg->addr1 = endpoint_.app_id;
+                return 0;
+            }
+        }
         int left = ms_until(deadline, Clock::now());
         if (polled && left == 0)
             return -ETIMEDOUT;

@@ -4,22 +4,15 @@
 #ifndef IPC_TRANSPORT_HPP
 #define IPC_TRANSPORT_HPP
 
-#include <errno.h>
-#include <stdlib.h>
 #include <string.h>
-#include <sys/types.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <chrono>
 #include <climits>
-#include <cstddef>
-#include <cstdint>
-#include <memory>
+#include <deque>
+#include <map>
 #include <mutex>
-#include <utility>
-#include <vector>
 
 #include "owned.hpp"
 #include "plat_ipc.h"
@@ -33,134 +26,98 @@ using pellin::UniqueFd;
 
 /* The record on the wire: the fields of ipc_msg_t up to its payload
  * pointer, which travels as 0, as does the padding. */
-inline constexpr size_t kPayloadLenAt = 16;
-inline constexpr size_t kPaddingAt = 20;
-inline constexpr size_t kPayloadAt = 24;
-static_assert(offsetof(ipc_msg_t, payload_len) == kPayloadLenAt);
-static_assert(offsetof(ipc_msg_t, padding) == kPaddingAt);
-static_assert(offsetof(ipc_msg_t, payload) == kPayloadAt);
-static_assert(kPayloadAt + sizeof(void *) == IPC_MSG_HEADER_SIZE);
+inline constexpr size_t kPayloadLenAt = offsetof(ipc_msg_t, payload_len);
+inline constexpr size_t kPaddingAt = offsetof(ipc_msg_t, padding);
 
 using Header = std::array<uint8_t, IPC_MSG_HEADER_SIZE>;
 
 inline Header encode_header(const ipc_msg_t &msg)
 {
     Header wire{};
-
     memcpy(wire.data(), &msg, kPaddingAt);
     return wire;
 }
 
-inline void decode_header(const Header &wire, ipc_msg_t *msg)
+/* realloc for owned bytes: false, the bytes unchanged, when out of memory. */
+inline bool grow(MallocBytes &bytes, size_t size)
 {
-    *msg = ipc_msg_t{};
-    memcpy(msg, wire.data(), kPaddingAt);
+    auto *grown = static_cast<uint8_t *>(realloc(bytes.get(), size));
+    if (grown == nullptr)
+        return false;
+    (void)bytes.release();
+    bytes.reset(grown);
+    return true;
 }
 
-inline uint32_t announced_length(const Header &wire)
-{
-    uint32_t len;
-
-    memcpy(&len, wire.data() + kPayloadLenAt, sizeof(len));
-    return len;
-}
-
-/*
- * One message being read: its record, then its payload. fill() takes bytes
- * from a source `ssize_t read(void *buf, size_t len)` (bytes read, 0 when
- * none are waiting, a negative errno otherwise) but never past the end of
- * one message. The announced length is checked before anything is
- * allocated for the payload, and the payload's memory grows as it comes.
- */
+/* One message being read: its record, then its payload. fill() reads from
+ * `ssize_t read(void *buf, size_t len)` (bytes read, 0 when none are
+ * waiting, a negative errno otherwise), never past the end of the message.
+ * The announced length is checked before any payload memory is taken, and
+ * that grows as bytes come: a peer that announces much and sends little
+ * holds little. */
 class FrameReader
 {
   public:
-    /* 1: a whole message is in; 0: more is to come; else a negative errno,
-     * which stays (the stream is out of step for good). */
+    /* 1: a whole message is in (complete() until it is taken); 0: more is
+     * to come; else a negative errno, which stays (the stream is out of
+     * step for good). */
     template <class Source> int fill(Source &&read)
     {
         while (error_ == 0 && !complete()) {
-            ssize_t n = read_step(read);
+            bool in_header = have_ < header_.size();
+            size_t at = in_header ? have_ : have_ - header_.size();
 
+            if (!in_header && at == room_) {
+                room_ = std::min<size_t>(
+                    length(), std::max<size_t>(2 * room_, kFirstRoom));
+                if (!grow(payload_, room_))
+                    return error_ = -ENOMEM;
+            }
+            ssize_t n = in_header
+                            ? read(header_.data() + at, header_.size() - at)
+                            : read(payload_.get() + at, room_ - at);
             if (n == 0)
                 return 0;
             if (n < 0)
-                error_ = static_cast<int>(n);
+                return error_ = static_cast<int>(n);
+            have_ += static_cast<size_t>(n);
+            if (have_ == header_.size() && length() > IPC_MAX_PAYLOAD)
+                return error_ = -EMSGSIZE;
         }
         return error_ != 0 ? error_ : 1;
     }
 
+    bool complete() const
+    {
+        return have_ >= header_.size() && have_ - header_.size() == length();
+    }
     bool started() const
     {
-        return header_have_ > 0;
+        return have_ > 0;
     }
     uint32_t length() const
     {
-        return announced_length(header_);
+        uint32_t len;
+        memcpy(&len, header_.data() + kPayloadLenAt, sizeof(len));
+        return len;
     }
 
     /* The whole message into msg (its payload is the caller's now); the
      * reader starts again. */
     void take(ipc_msg_t *msg)
     {
-        decode_header(header_, msg);
+        *msg = ipc_msg_t{};
+        memcpy(msg, header_.data(), kPaddingAt);
         msg->payload = payload_.release();
         *this = FrameReader();
     }
 
   private:
-    bool complete() const
-    {
-        return header_have_ == header_.size() && payload_have_ == length();
-    }
-
-    /* Room for the payload grows with what arrives, so a peer that
-     * announces much and sends little holds little. */
-    int make_room()
-    {
-        size_t room =
-            std::min<size_t>(length(), std::max<size_t>(2 * room_, kFirstRoom));
-        auto *grown = static_cast<uint8_t *>(realloc(payload_.get(), room));
-
-        if (grown == nullptr)
-            return -ENOMEM;
-        (void)payload_.release();
-        payload_.reset(grown);
-        room_ = room;
-        return 0;
-    }
-
-    template <class Source> ssize_t read_step(Source &read)
-    {
-        if (header_have_ < header_.size()) {
-            ssize_t n = read(header_.data() + header_have_,
-                             header_.size() - header_have_);
-
-            if (n > 0)
-                header_have_ += static_cast<size_t>(n);
-            if (header_have_ == header_.size() && length() > IPC_MAX_PAYLOAD)
-                return -EMSGSIZE;
-            return n;
-        }
-        if (payload_have_ == room_) {
-            int rc = make_room();
-
-            if (rc < 0)
-                return rc;
-        }
-        ssize_t n = read(payload_.get() + payload_have_, room_ - payload_have_);
-
-        if (n > 0)
-            payload_have_ += static_cast<size_t>(n);
-        return n;
-    }
-
     static constexpr size_t kFirstRoom = 4096;
     Header header_{};
-    size_t header_have_ = 0;
+    size_t have_ = 0; /* bytes of the message, record and payload */
     MallocBytes payload_;
     size_t room_ = 0;
-    size_t payload_have_ = 0;
     int error_ = 0;
 };
 
@@ -196,14 +153,16 @@ struct Limits {
     size_t pending_output_total = 8u * 1024u * 1024u;
     /* 0: as many as the open-file limit leaves room for. */
     size_t connections = 0;
-    /* The clock every deadline is taken from. */
+    /* The clock every deadline is taken from (nullptr: steady_clock). */
     Clock::time_point (*now)() = nullptr;
 };
 extern constinit Limits limits;
 
 Clock::time_point now();
 
-/* Kinds of refusal and drop, each reported at most once per interval. */
+/* Kinds of refusal and drop. The first of a kind is logged in full at
+ * once; the ones after it within the interval are counted, and one line
+ * gives that count when the interval is over. */
 enum class Drop {
     no_memory_for_connection,
     accept_failed,
@@ -214,29 +173,6 @@ enum class Drop {
     unread_replies_total,
     partial_message,
     count
-};
-
-/*
- * The first of a kind is logged in full at once; the ones after it within
- * the interval are counted, and one line gives that count when the
- * interval is over. Not locked: its server's lock covers it.
- */
-class DropReports
-{
-  public:
-    /* True when this one is to be logged in full now. */
-    bool admit(Drop kind);
-    /* Logs the counts whose interval is over. */
-    void flush();
-    /* When flush has something to log next (time_point::max(): never). */
-    Clock::time_point next_flush() const;
-
-  private:
-    struct Kind {
-        Clock::time_point quiet_until{};
-        uint64_t unreported = 0;
-    };
-    std::array<Kind, static_cast<size_t>(Drop::count)> kinds_{};
 };
 
 /* The endpoint of a server: its directory, lock and listening socket. */
@@ -258,13 +194,11 @@ struct Conn {
     uint32_t id = 0;
     UniqueFd fd;
     FrameReader in;
-    Clock::time_point partial_since{}; /* when `in` got a message's start */
-    bool partial = false;
-    bool frame_ready = false; /* reading pauses until ipc_recv takes it */
-    bool peer_done = false;   /* the peer sent its last byte: close once
-                                 the replies are out */
-    uint32_t polled = 0;      /* the epoll events asked for */
-    MallocBytes out;          /* replies, written from out_sent on */
+    /* When the part of a message `in` holds runs out of time. */
+    Clock::time_point partial_deadline = Clock::time_point::max();
+    bool peer_done = false; /* sent its last byte: close when replies are out */
+    uint32_t polled = 0;    /* the epoll events asked for */
+    MallocBytes out;        /* replies, written from out_sent on */
     size_t out_len = 0;
     size_t out_sent = 0;
 
@@ -274,17 +208,12 @@ struct Conn {
     }
 };
 
-/*
- * A server context: its endpoint, its connections and the loop that
- * serves them, an epoll set woken through an eventfd when another thread
- * sends. The methods with `locked` in their name expect the lock held.
- */
+/* A server context: its endpoint, its connections and the loop serving
+ * them on an epoll set, woken through an eventfd when another thread sends.
+ * Methods with `locked` in their name expect the lock held. */
 class Server
 {
   public:
-    Server() = default;
-    Server(const Server &) = delete;
-    Server &operator=(const Server &) = delete;
     ~Server()
     {
         conns_.clear();
@@ -300,8 +229,6 @@ class Server
     int send_locked(const ipc_msg_t &msg);
 
   private:
-    using ConnSlot = std::vector<std::unique_ptr<Conn>>::iterator;
-    ConnSlot slot(uint32_t id);
     Conn *find(uint32_t id);
     void add_conn(UniqueFd fd);
     void close_conn(Conn *conn);
@@ -314,27 +241,28 @@ class Server
     void service(Conn &conn, uint32_t events);
     void expire_partial_messages();
     void tidy_up();
-    bool take_ready(ipc_msg_t *msg);
-    int poll_timeout(int left_ms) const;
+    void report(Drop kind, const char *format, ...)
+        __attribute__((format(printf, 3, 4)));
+    void flush_reports();
+    Clock::time_point next_report() const;
     int poll_once(int left_ms);
-    void wake();
-    void drain_wakes();
 
     UniqueFd wake_fd_;
     UniqueFd epoll_;
     Endpoint endpoint_;
-    int pollers_ = 0;
-    std::vector<std::unique_ptr<Conn>> conns_; /* sorted by id */
+    std::map<uint32_t, std::unique_ptr<Conn>> conns_;
     uint32_t last_id_ = 0;
     size_t max_conns_ = 0;
-    bool accepting_ = false;
     Clock::time_point accept_resume_ = Clock::time_point::max();
-    std::vector<uint32_t> ready_; /* whole messages, in arrival order */
-    size_t ready_head_ = 0;
+    std::deque<uint32_t> ready_; /* whole messages, in arrival order */
     Clock::time_point next_expiry_ = Clock::time_point::max();
     size_t pending_total_ = 0;
     size_t freed_since_trim_ = 0;
-    DropReports reports_;
+    struct DropCount {
+        Clock::time_point quiet_until{};
+        uint64_t unreported = 0;
+    };
+    std::array<DropCount, static_cast<size_t>(Drop::count)> drops_{};
 };
 
 } // namespace plat::ipc
