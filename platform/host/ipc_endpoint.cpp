@@ -91,8 +91,7 @@ int open_socket_dir(Endpoint &ep, Refusal &why)
     if (!ep.dir.valid())
         return -errno;
     for (const char *path : kDirs) {
-        int rc = open_safe_dir(ep.dir, path, why);
-        if (rc < 0)
+        if (int rc = open_safe_dir(ep.dir, path, why); rc < 0)
             return rc;
     }
     return 0;
@@ -209,9 +208,7 @@ int open_endpoint(uint32_t app_id, Endpoint *out)
     ep.app_id = app_id;
     snprintf(ep.name, sizeof(ep.name), "%" PRIu32 ".sock", app_id);
     for (Step step : kSteps) {
-        int rc = step(ep, why);
-
-        if (rc < 0) {
+        if (int rc = step(ep, why); rc < 0) {
             plat_syslog(LOG_ERR, "orvel-ipc", 0,
                         "IPC endpoint %" PRIu32 " not opened: %s", app_id,
                         why[0] != 0 ? why.data()

@@ -47,26 +47,6 @@ int check_outgoing(const ipc_msg_t *msg)
     return 0;
 }
 
-/* A blocking socket connected to path whose sends wait at most
- * IPC_CLIENT_SEND_TIMEOUT_MS. */
-int connect_unix(const char *path, UniqueFd *out)
-{
-    constexpr int kMs = IPC_CLIENT_SEND_TIMEOUT_MS;
-    timeval tv = {.tv_sec = kMs / 1000, .tv_usec = (kMs % 1000) * 1000};
-    sockaddr_un addr = {.sun_family = AF_UNIX, .sun_path = {}};
-
-    if (strlen(path) >= sizeof(addr.sun_path))
-        return -ENAMETOOLONG;
-    memcpy(addr.sun_path, path, strlen(path));
-    out->reset(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    if (!out->valid() ||
-        setsockopt(out->get(), SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof(tv)) != 0 ||
-        connect(out->get(), reinterpret_cast<sockaddr *>(&addr),
-                sizeof(addr)) != 0)
-        return -errno;
-    return 0;
-}
-
 int send_all(int fd, const void *buf, size_t len)
 {
     const auto *bytes = static_cast<const uint8_t *>(buf);
@@ -188,13 +168,23 @@ void ipc_debug_msg(const ipc_msg_t *msg)
 
 int ipc_client_open(const char *socket_path, ipc_client **out)
 {
+    constexpr int kMs = IPC_CLIENT_SEND_TIMEOUT_MS;
+    timeval tv = {.tv_sec = kMs / 1000, .tv_usec = (kMs % 1000) * 1000};
+    sockaddr_un addr = {.sun_family = AF_UNIX, .sun_path = {}};
+
     if (socket_path == nullptr || out == nullptr)
         return -EINVAL;
     *out = nullptr;
-    UniqueFd fd;
-    int rc = connect_unix(socket_path, &fd);
-    if (rc < 0)
-        return rc == -EAGAIN ? -ETIMEDOUT : rc;
+    if (strlen(socket_path) >= sizeof(addr.sun_path))
+        return -ENAMETOOLONG;
+    memcpy(addr.sun_path, socket_path, strlen(socket_path));
+    /* Blocking, but its sends wait at most IPC_CLIENT_SEND_TIMEOUT_MS. */
+    UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (!fd.valid() ||
+        setsockopt(fd.get(), SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof(tv)) != 0 ||
+        connect(fd.get(), reinterpret_cast<sockaddr *>(&addr), sizeof(addr)) !=
+            0)
+        return errno == EAGAIN ? -ETIMEDOUT : -errno;
     *out = new (std::nothrow) ipc_client{std::move(fd), {}};
     return *out != nullptr ? 0 : -ENOMEM;
 }

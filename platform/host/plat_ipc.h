@@ -50,8 +50,7 @@ typedef struct ipc_msg {
     void *payload; /* heap bytes, or null when payload_len is 0 */
 } ipc_msg_t;
 
-/* Every field at its natural alignment: the offsets follow from the
- * types, the transport checks the ones it copies by. */
+/* No field needs padding before it, so the size pins the layout. */
 static_assert(sizeof(ipc_msg_t) == IPC_MSG_HEADER_SIZE, "record is 32 bytes");
 
 typedef void (*ipc_recv_cb)(void *unused, ipc_msg_t *msg);
