@@ -81,8 +81,9 @@ uint64_t ipc_ctx_init(uint32_t)
     std::unique_ptr<Server> s(new (std::nothrow) Server);
 
     if (!s || !s->init()) {
-        plat_syslog(LOG_ERR, "orvel-ipc", 0, "IPC context: %s",
-                    s ? "no event fd" : "out of memory");
+        plat_syslog(LOG_ERR, "orvel-ipc", 0,
+                    s ? "IPC context: no event fd"
+                      : "IPC context: out of memory");
         return 0;
     }
     return static_cast<uint64_t>(reinterpret_cast<uintptr_t>(s.release()));
