@@ -9,43 +9,26 @@
 #include <sys/un.h>
 #include <syslog.h>
 
-#include <algorithm>
 #include <new>
 
 #include "ipc_transport.hpp"
 #include "plat_syslog.h"
 
-using plat::ipc::Clock;
-using plat::ipc::ms_until;
-using plat::ipc::FrameReader;
-using plat::ipc::Server;
-using plat::ipc::UniqueFd;
+using namespace plat::ipc;
 
 struct ipc_client {
     UniqueFd fd;
     FrameReader in;
 };
 
-namespace plat::ipc
+ssize_t plat::ipc::read_some(int fd, void *buf, size_t len)
 {
+    ssize_t n = TEMP_FAILURE_RETRY(recv(fd, buf, len, MSG_DONTWAIT));
 
-ssize_t read_some(int fd, void *buf, size_t len)
-{
-    for (;;) {
-        ssize_t n = recv(fd, buf, len, MSG_DONTWAIT);
-
-        if (n > 0)
-            return n;
-        if (n == 0)
-            return -ECONNRESET;
-        if (errno == EAGAIN || errno == EWOULDBLOCK)
-            return 0;
-        if (errno != EINTR)
-            return -errno;
-    }
+    if (n >= 0)
+        return n > 0 ? n : -ECONNRESET;
+    return errno == EAGAIN || errno == EWOULDBLOCK ? 0 : -errno;
 }
-
-} // namespace plat::ipc
 
 namespace
 {
@@ -64,71 +47,20 @@ int check_outgoing(const ipc_msg_t *msg)
     return 0;
 }
 
-int unix_address(const char *path, sockaddr_un *addr)
-{
-    size_t len = strlen(path);
-
-    if (len >= sizeof(addr->sun_path))
-        return -ENAMETOOLONG;
-    *addr = sockaddr_un{};
-    addr->sun_family = AF_UNIX;
-    memcpy(addr->sun_path, path, len + 1);
-    return 0;
-}
-
-/* A blocking socket connected to path whose sends wait at most
- * timeout_ms: the descriptor or a negative errno. */
-int connect_unix(const char *path, int timeout_ms)
-{
-    timeval tv = {.tv_sec = timeout_ms / 1000,
-                  .tv_usec = (timeout_ms % 1000) * 1000};
-    sockaddr_un addr;
-    int rc = unix_address(path, &addr);
-
-    if (rc < 0)
-        return rc;
-    UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    if (!fd.valid())
-        return -errno;
-    if (setsockopt(fd.get(), SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof(tv)) != 0 ||
-        connect(fd.get(), reinterpret_cast<sockaddr *>(&addr), sizeof(addr)) !=
-            0)
-        return -errno;
-    return fd.release();
-}
-
 int send_all(int fd, const void *buf, size_t len)
 {
-    const auto *next = static_cast<const uint8_t *>(buf);
+    const auto *bytes = static_cast<const uint8_t *>(buf);
 
-    while (len > 0) {
-        ssize_t n = send(fd, next, len, MSG_NOSIGNAL);
+    for (size_t sent = 0; sent < len;) {
+        ssize_t n = TEMP_FAILURE_RETRY(
+            send(fd, bytes + sent, len - sent, MSG_NOSIGNAL));
 
-        if (n < 0 && errno == EINTR)
-            continue;
         if (n < 0)
             return errno == EAGAIN || errno == EWOULDBLOCK ? -ETIMEDOUT
                                                            : -errno;
-        next += n;
-        len -= static_cast<size_t>(n);
+        sent += static_cast<size_t>(n);
     }
     return 0;
-}
-
-int wait_readable(int fd, int timeout_ms)
-{
-    pollfd p = {.fd = fd, .events = POLLIN, .revents = 0};
-
-    for (;;) {
-        int n = poll(&p, 1, timeout_ms);
-
-        if (n > 0)
-            return 0;
-        if (n == 0)
-            return -ETIMEDOUT;
-        if (errno != EINTR)
-            return -errno;
-    }
 }
 
 } // namespace
@@ -148,12 +80,10 @@ uint64_t ipc_ctx_init(uint32_t)
 {
     std::unique_ptr<Server> s(new (std::nothrow) Server);
 
-    if (!s) {
-        plat_syslog(LOG_ERR, "orvel-ipc", 0, "IPC context: out of memory");
-        return 0;
-    }
-    if (!s->init()) {
-        plat_syslog(LOG_ERR, "orvel-ipc", 0, "IPC context: no event fd");
+    if (!s || !s->init()) {
+        plat_syslog(LOG_ERR, "orvel-ipc", 0,
+                    s ? "IPC context: no event fd"
+                      : "IPC context: out of memory");
         return 0;
     }
     return static_cast<uint64_t>(reinterpret_cast<uintptr_t>(s.release()));
@@ -188,19 +118,16 @@ int ipc_ctx_add_endpoint(uint64_t handle, uint32_t app_id, int type, int)
 int ipc_recv(uint64_t handle, ipc_msg_t *msg, int timeout_ms)
 {
     Server *s = server_of(handle);
-    ipc_recv_cb callback;
-    int rc;
 
     if (msg == nullptr)
         return -EINVAL;
     *msg = ipc_msg_t{};
     if (s == nullptr)
         return -EINVAL;
-    {
-        std::lock_guard hold(s->lock);
-        rc = s->receive_locked(msg, timeout_ms);
-        callback = s->callback;
-    }
+    std::unique_lock hold(s->lock);
+    int rc = s->receive_locked(msg, timeout_ms);
+    ipc_recv_cb callback = s->callback;
+    hold.unlock();
     /* Unlocked: the callback answers through ipc_send. */
     if (rc == 0 && callback != nullptr)
         callback(nullptr, msg);
@@ -213,13 +140,11 @@ int ipc_send(uint64_t handle, ipc_msg_t *msg, int)
 
     if (msg == nullptr)
         return -EINVAL;
-    plat::ipc::MallocBytes payload(static_cast<uint8_t *>(msg->payload));
-    msg->payload = nullptr;
-    if (s == nullptr)
-        return -EINVAL;
+    MallocBytes payload(
+        static_cast<uint8_t *>(std::exchange(msg->payload, nullptr)));
     ipc_msg_t out = *msg;
     out.payload = payload.get();
-    int rc = check_outgoing(&out);
+    int rc = s == nullptr ? -EINVAL : check_outgoing(&out);
     if (rc < 0)
         return rc;
     std::lock_guard hold(s->lock);
@@ -244,19 +169,25 @@ void ipc_debug_msg(const ipc_msg_t *msg)
 
 int ipc_client_open(const char *socket_path, ipc_client **out)
 {
+    constexpr int kMs = IPC_CLIENT_SEND_TIMEOUT_MS;
+    timeval tv = {.tv_sec = kMs / 1000, .tv_usec = (kMs % 1000) * 1000};
+    sockaddr_un addr = {.sun_family = AF_UNIX, .sun_path = {}};
+
     if (socket_path == nullptr || out == nullptr)
         return -EINVAL;
     *out = nullptr;
-    int fd = connect_unix(socket_path, IPC_CLIENT_SEND_TIMEOUT_MS);
-    if (fd < 0)
-        return fd == -EAGAIN ? -ETIMEDOUT : fd;
-    UniqueFd owned(fd);
-    auto *c = new (std::nothrow) ipc_client;
-    if (c == nullptr)
-        return -ENOMEM;
-    c->fd = std::move(owned);
-    *out = c;
-    return 0;
+    if (strlen(socket_path) >= sizeof(addr.sun_path))
+        return -ENAMETOOLONG;
+    memcpy(addr.sun_path, socket_path, strlen(socket_path));
+    /* Blocking, but its sends wait at most IPC_CLIENT_SEND_TIMEOUT_MS. */
+    UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (!fd.valid() ||
+        setsockopt(fd.get(), SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof(tv)) != 0 ||
+        connect(fd.get(), reinterpret_cast<sockaddr *>(&addr), sizeof(addr)) !=
+            0)
+        return errno == EAGAIN ? -ETIMEDOUT : -errno;
+    *out = new (std::nothrow) ipc_client{std::move(fd), {}};
+    return *out != nullptr ? 0 : -ENOMEM;
 }
 
 int ipc_client_send(ipc_client *c, const ipc_msg_t *msg)
@@ -266,7 +197,7 @@ int ipc_client_send(ipc_client *c, const ipc_msg_t *msg)
     int rc = check_outgoing(msg);
     if (rc < 0)
         return rc;
-    plat::ipc::Header header = plat::ipc::encode_header(*msg);
+    Header header = encode_header(*msg);
     rc = send_all(c->fd.get(), header.data(), header.size());
     if (rc == 0 && msg->payload_len > 0)
         rc = send_all(c->fd.get(), msg->payload, msg->payload_len);
@@ -275,24 +206,27 @@ int ipc_client_send(ipc_client *c, const ipc_msg_t *msg)
 
 int ipc_client_recv(ipc_client *c, ipc_msg_t *msg, int timeout_ms)
 {
-    Clock::time_point deadline = plat::ipc::deadline_after(timeout_ms);
+    Clock::time_point deadline = deadline_after(timeout_ms);
 
     if (c == nullptr || msg == nullptr)
         return -EINVAL;
     *msg = ipc_msg_t{};
     for (;;) {
+        pollfd p = {.fd = c->fd.get(), .events = POLLIN, .revents = 0};
         int rc = c->in.fill([c](void *buf, size_t len) {
-            return plat::ipc::read_some(c->fd.get(), buf, len);
+            return read_some(c->fd.get(), buf, len);
         });
 
         if (rc == 1) {
             c->in.take(msg);
             return 0;
         }
-        if (rc == 0)
-            rc = wait_readable(c->fd.get(), ms_until(deadline, Clock::now()));
         if (rc < 0)
             return rc;
+        int n =
+            TEMP_FAILURE_RETRY(poll(&p, 1, ms_until(deadline, Clock::now())));
+        if (n <= 0)
+            return n < 0 ? -errno : -ETIMEDOUT;
     }
 }
 

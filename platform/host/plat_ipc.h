@@ -1,7 +1,6 @@
-/*
- * libplatipc: the platform IPC library on a host that is not the appliance,
- * with the operations the appliance's library offers servers and a client
- * side for tools and tests.
+/* libplatipc: the platform IPC library on a host that is not the
+ * appliance, with the operations the appliance's library offers servers and
+ * a client side for tools and tests.
  *
  * Transport: a Unix domain stream socket per server at
  * IPC_SOCKET_DIR "/<app id>.sock". A message on the wire is the 32-byte
@@ -9,9 +8,8 @@
  * 0, followed at once by payload_len payload bytes; replies are framed the
  * same way.
  *
- * Results: every function returning int returns 0 (or a non-negative
- * value where stated) on success and a negative errno on failure.
- */
+ * Results: every function returning int returns 0 on success and a
+ * negative errno on failure. */
 #ifndef PLAT_IPC_H
 #define PLAT_IPC_H
 
@@ -52,16 +50,8 @@ typedef struct ipc_msg {
     void *payload; /* heap bytes, or null when payload_len is 0 */
 } ipc_msg_t;
 
+/* No field needs padding before it, so the size pins the layout. */
 static_assert(sizeof(ipc_msg_t) == IPC_MSG_HEADER_SIZE, "record is 32 bytes");
-static_assert(offsetof(ipc_msg_t, addr0) == 0, "addr0 at 0");
-static_assert(offsetof(ipc_msg_t, addr1) == 4, "addr1 at 4");
-static_assert(offsetof(ipc_msg_t, op_id) == 8, "op_id at 8");
-static_assert(offsetof(ipc_msg_t, aux_byte) == 12, "aux_byte at 12");
-static_assert(offsetof(ipc_msg_t, msg_type) == 13, "msg_type at 13");
-static_assert(offsetof(ipc_msg_t, reserved) == 14, "reserved at 14");
-static_assert(offsetof(ipc_msg_t, payload_len) == 16, "payload_len at 16");
-static_assert(offsetof(ipc_msg_t, padding) == 20, "padding at 20");
-static_assert(offsetof(ipc_msg_t, payload) == 24, "payload at 24");
 
 typedef void (*ipc_recv_cb)(void *unused, ipc_msg_t *msg);
 
@@ -89,26 +79,21 @@ int ipc_ctx_init_proxy(uint64_t ctx, int mode, ipc_recv_cb cb, int flags);
  * open-file limit leaves room for; beyond, clients wait to be accepted. */
 int ipc_ctx_add_endpoint(uint64_t ctx, uint32_t app_id, int type, int flags);
 
-/*
- * Waits up to timeout_ms (-1: without limit) for one message from any
+/* Waits up to timeout_ms (-1: without limit) for one message from any
  * connection, fills msg and runs the registered callback with it before
  * returning. addr0 is the sending connection's id (non-zero, unique among
  * live connections), addr1 the endpoint's app id; msg->payload is heap
  * memory the caller frees (null when payload_len is 0). -ETIMEDOUT when
- * the time ran out; on any failure msg is all zero.
- */
+ * the time ran out; on any failure msg is all zero. */
 int ipc_recv(uint64_t ctx, ipc_msg_t *msg, int timeout_ms);
 
-/*
- * Queues msg and its payload for the connection whose id is msg->addr1 and
+/* Queues msg and its payload for the connection whose id is msg->addr1 and
  * writes what the socket takes without waiting; the rest goes out during
  * ipc_recv. Takes the payload over and frees it in every case. -ENOTCONN
  * when that connection is gone, -EPIPE or -ECONNRESET when its peer went
  * away (the connection is closed), -ENOBUFS when its unsent replies would
  * exceed IPC_MAX_PENDING_OUTPUT, or all connections' together the server's
- * cap (closed too), -EMSGSIZE above
- * IPC_MAX_PAYLOAD. flags is accepted and ignored.
- */
+ * cap (closed too), -EMSGSIZE above IPC_MAX_PAYLOAD. flags is ignored. */
 int ipc_send(uint64_t ctx, ipc_msg_t *msg, int flags);
 
 /* Prints the record's fields on one line of stderr. */
@@ -122,11 +107,9 @@ struct ipc_client;
  * not fit. */
 int ipc_socket_path(uint32_t app_id, char *buf, size_t size);
 
-/*
- * Connects to the server socket at socket_path. -ENOENT: no such socket
+/* Connects to the server socket at socket_path. -ENOENT: no such socket
  * (server not running); -ECONNREFUSED: a socket file nobody serves;
- * -EACCES: not permitted; -ETIMEDOUT: the server's backlog stayed full.
- */
+ * -EACCES: not permitted; -ETIMEDOUT: the server's backlog stayed full. */
 int ipc_client_open(const char *socket_path, struct ipc_client **out);
 
 /* Sends msg and its payload (not taken over; addr0/addr1 are rewritten by
